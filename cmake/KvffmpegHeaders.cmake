@@ -1,0 +1,20 @@
+# kvffmpeg_check_headers(TARGET HEADER...): a library of one generated source per public header, so that a header that
+# does not compile alone breaks the build. In every language standard that the compiler knows.
+
+function(kvffmpeg_check_headers target)
+  foreach(standard IN ITEMS 17 20 23)
+    if(NOT "cxx_std_${standard}" IN_LIST CMAKE_CXX_COMPILE_FEATURES)
+      continue()
+    endif()
+    set(sources)
+    foreach(header IN LISTS ARGN)
+      string(MAKE_C_IDENTIFIER "${header}" name)
+      set(source "${CMAKE_CURRENT_BINARY_DIR}/header_checks/${name}.cpp")
+      file(GENERATE OUTPUT "${source}" CONTENT "#include \"${header}\"\n#include \"${header}\"\n")
+      list(APPEND sources "${source}")
+    endforeach()
+    add_library(kvffmpeg_header_checks_${standard} OBJECT ${sources})
+    set_target_properties(kvffmpeg_header_checks_${standard} PROPERTIES CXX_STANDARD ${standard})
+    target_link_libraries(kvffmpeg_header_checks_${standard} PRIVATE ${target} kvffmpeg_flags)
+  endforeach()
+endfunction()

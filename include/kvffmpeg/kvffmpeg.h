@@ -1,0 +1,15 @@
+#pragma once
+
+/// \file
+/// Everything that kvffmpeg offers. Each header can also be included alone.
+
+#include "kvffmpeg/audiobuffer.h"
+#include "kvffmpeg/format_context.h"
+#include "kvffmpeg/frame.h"
+#include "kvffmpeg/geometry.h"
+#include "kvffmpeg/memory.h"
+#include "kvffmpeg/packet.h"
+#include "kvffmpeg/picture.h"
+#include "kvffmpeg/scaler.h"
+#include "kvffmpeg/timestamp.h"
+#include "kvffmpeg/utils.h"

@@ -1,0 +1,128 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <iosfwd>
+#include <memory>
+#include <string>
+
+#include "kvffmpeg/export.h"
+#include "kvffmpeg/geometry.h"
+#include "kvffmpeg/memory.h"
+
+extern "C" {
+#include <libavutil/frame.h>
+#include <libavutil/pixfmt.h>
+}
+
+namespace kvffmpeg {
+
+/// A picture: pixel format, size, colour range and up to four planes in one shared `MemBuffer`, laid out as
+/// FFmpeg's image functions lay them out.
+///
+/// Copies are cheap and share the pixels. Before writing, call `makeEditable()`, which gives the picture a
+/// buffer of its own (copy on write). One thread at a time may use a picture; pictures that share a buffer
+/// may live on different threads as long as nobody writes into it.
+class KVFFMPEG_EXPORT Picture {
+public:
+    /// Empty: 0 x 0, AV_PIX_FMT_NONE, AVCOL_RANGE_UNSPECIFIED, no buffer.
+    Picture() noexcept = default;
+    /// Allocates a picture whose pixels are not initialised. `align` is the alignment of the linesizes in
+    /// bytes, a power of two; 0 or less counts as 1 (rows without padding).
+    /// @throws std::bad_alloc for a format or size that FFmpeg refuses (a side of 0, a hardware format, more
+    /// than 2 GiB), and when memory runs out.
+    Picture(rect_size_t size, AVPixelFormat format, AVColorRange range = AVCOL_RANGE_UNSPECIFIED,
+            int align = 1);
+    /// A deep copy of the frame's pixels, with rows without padding. The frame must not be null.
+    /// @throws std::bad_alloc for a blank frame or a format that FFmpeg cannot lay out in memory;
+    /// std::runtime_error "Picture: Frame has no data" when a plane is missing.
+    explicit Picture(const AVFrame* frame);
+
+    Picture(const Picture&) = default;             ///< Shares the pixels.
+    Picture& operator=(const Picture&) = default;  ///< Shares the pixels.
+    Picture(Picture&& other) noexcept;             ///< Leaves `other` empty.
+    Picture& operator=(Picture&& other) noexcept;  ///< Leaves `other` empty.
+    ~Picture() = default;
+
+    int width() const noexcept { return size_.w; }       ///< In pixels.
+    int height() const noexcept { return size_.h; }      ///< In pixels.
+    rect_size_t size() const noexcept { return size_; }  ///< In pixels.
+    AVPixelFormat pixelFormat() const noexcept { return pixelFormat_; }
+    AVColorRange colorRange() const noexcept { return colorRange_; }
+    int alignment() const noexcept { return alignment_; }  ///< Of the linesizes, in bytes; 1 when empty.
+    /// The storage, shared with copies, crops and exported frames; null when empty.
+    const std::shared_ptr<MemBuffer>& buffer() const noexcept { return buffer_; }
+
+    /// Takes `buffer` for the pixels and lays the planes out in it. A null `buffer` makes the picture empty.
+    /// Not checked: that the buffer holds at least `getVideoBufferSize()` bytes.
+    void setData(std::shared_ptr<MemBuffer> buffer) noexcept;
+    bool empty() const noexcept { return buffer_ == nullptr; }  ///< True without a buffer.
+    /// True when nothing shares this picture's buffer: no other picture and no AVFrame.
+    bool editable() const noexcept { return buffer_ != nullptr && buffer_.use_count() == 1; }
+    /// Gives the picture a buffer of its own unless it has one already, with the same pixels and without what
+    /// a crop hides. Pixels are copied once at most.
+    /// @throws std::bad_alloc with nothing changed; also for an empty picture without a size or format.
+    void makeEditable();
+    /// The bytes that this format, size and alignment need. What FFmpeg refuses arrives as its negative error
+    /// code widened to 64 bits, that is as a huge number.
+    std::size_t getVideoBufferSize() const noexcept;
+
+    /// The four plane pointers; null where the format has no such plane, and in an empty picture.
+    unsigned char* (&getPlanes() noexcept)[4] { return planes_; }
+    unsigned char* const (&getPlanes() const noexcept)[4] { return planes_; }
+    /// The four linesizes: bytes from one row of a plane to the next.
+    const int (&getLinesize() const noexcept)[4] { return linesizes_; }
+    /// True when the format stores alpha; palettes do.
+    bool hasAlpha() const noexcept;
+
+    /// Copies min(buffer size, `count`) bytes to the *start of the buffer*, also in a crop. Does nothing in
+    /// an empty picture. Like the other `fill` it writes into a shared buffer without asking.
+    void fill(const unsigned char* bytes, std::size_t count) noexcept;
+    /// Copies `width` x `height` pixels of this picture's format from the given planes, top-left to top-left.
+    /// Rows and columns beyond this picture are left out. Does nothing in an empty picture. Not checked: that
+    /// the given planes hold that many pixels; a plane that is null is left out.
+    void fill(const unsigned char* const* planes, const int* linesizes, int width, int height) noexcept;
+
+    /// A view of the part `rect`, clipped to this picture; no pixel is copied, and the view is not editable
+    /// while this picture lives. For formats with subsampled chroma the rectangle is rounded down: x and w by
+    /// the *vertical* subsampling, y and h by the *horizontal* one. Plane 3, the alpha of YUVA formats, stays
+    /// where it was. A view that would end beyond the buffer, which happens in formats that pack several
+    /// pixels into a step (yuyv422, monochrome), is empty. A picture without a known format is returned as it
+    /// is.
+    Picture crop(rect_t rect) const;
+    /// Copies all of `source`, which has this picture's format, here; its top-left corner lands on `position`
+    /// with one bit cleared: x & ~(1 << log2_chroma_w), y & ~(1 << log2_chroma_h), so odd positions become
+    /// even in formats without subsampling. Plane 3 is copied to the top-left corner whatever the position.
+    /// Rows and columns that do not fit are left out. Writes into a shared buffer without asking.
+    void bitblt(const Picture& source, point_t position) noexcept;
+
+    /// Exports without copying: fills `buf[0]` (overwritten, not released), the planes, linesizes, size,
+    /// format and colour range of a blank frame. The frame keeps the pixels alive, and this picture is not
+    /// `editable()` until the frame is released. An empty picture leaves the frame alone; if memory runs out
+    /// in FFmpeg, `buf[0]` is null and nothing else is set.
+    /// @throws std::bad_alloc with the frame unchanged.
+    void fillAVFrame(AVFrame* frame) const;
+
+    /// Equal size, format and pixels. Compares the first byte of every sample, with chroma sizes rounded
+    /// down; colour range, alignment, row padding and palettes do not count. Empty pictures are equal to
+    /// none.
+    bool operator==(const Picture& other) const noexcept;
+    bool operator!=(const Picture& other) const noexcept { return !(*this == other); }
+
+    /// "(empty picture)", or size, format and range: "1280x720, yuv420p (tv)".
+    std::string debugDescription() const;
+
+private:
+    rect_size_t size_;
+    AVPixelFormat pixelFormat_ = AV_PIX_FMT_NONE;
+    AVColorRange colorRange_ = AVCOL_RANGE_UNSPECIFIED;
+    std::shared_ptr<MemBuffer> buffer_;
+    unsigned char* planes_[4] = {};
+    int linesizes_[4] = {};
+    int alignment_ = 1;
+};
+
+/// Writes `debugDescription()`.
+KVFFMPEG_EXPORT std::ostream& operator<<(std::ostream& out, const Picture& picture);
+
+}  // namespace kvffmpeg

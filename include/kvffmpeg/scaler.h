@@ -1,0 +1,68 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "kvffmpeg/export.h"
+#include "kvffmpeg/geometry.h"
+#include "kvffmpeg/picture.h"
+
+extern "C" {
+#include <libavutil/pixfmt.h>
+}
+
+namespace kvffmpeg {
+
+/// Resizes pictures and converts them between pixel formats and colour ranges with libswscale. Keeps its
+/// context, so that a stream of equally shaped pictures pays for it once. One thread at a time may use a
+/// scaler; neither copied nor moved.
+class KVFFMPEG_EXPORT Scaler {
+public:
+    /// How to interpolate. The values are libswscale's flags.
+    enum ScalingAlgorithm : int {
+        fast_bilinear = 1,
+        bilinear = 2,
+        bicubic = 4,
+        x = 8,
+        point = 16,
+        area = 32,
+        bicublin = 64,
+        gauss = 128,
+        sinc = 256,
+        lanczos = 512,
+        spline = 1024,
+    };
+
+    Scaler();  ///< Bilinear.
+    ~Scaler();
+    Scaler(const Scaler&) = delete;
+    Scaler& operator=(const Scaler&) = delete;
+
+    ScalingAlgorithm algorithm() const noexcept { return algorithm_; }
+    void setAlgorithm(ScalingAlgorithm algorithm) noexcept { algorithm_ = algorithm; }
+    /// By the enumerator's exact name, such as "lanczos".
+    /// @throws std::runtime_error "Unknown scaling algorithm "%s"" (the name in double quotes) with nothing
+    /// changed.
+    void setAlgorithm(const std::string& name);
+
+    /// `source` in another size, pixel format and colour range. Where nothing differs the result shares the
+    /// source's pixels; otherwise it has pixels of its own in rows without padding, every byte of them
+    /// written. Its colour range is `range` as given. A range of AVCOL_RANGE_UNSPECIFIED leaves libswscale's
+    /// own choice in force; a range that was set stays in the kept context, so that later pictures of
+    /// unspecified range inherit it.
+    /// @returns an empty picture for an empty source, an unknown format, a size that is not positive, and a
+    /// conversion that libswscale does not offer.
+    /// @throws std::bad_alloc when memory runs out or the size is too large.
+    Picture scale(const Picture& source, rect_size_t size, AVPixelFormat format, AVColorRange range);
+    /// The same with the source's format and colour range.
+    Picture scale(const Picture& source, rect_size_t size);
+    /// The same with the source's size.
+    Picture convertToColorspace(const Picture& source, AVPixelFormat format, AVColorRange range);
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;
+    ScalingAlgorithm algorithm_ = bilinear;
+};
+
+}  // namespace kvffmpeg
