@@ -281,6 +281,18 @@ AVStream* FormatContext::trackAtIndex(unsigned int index) const noexcept {
     return index < tracksNumber() ? formatContext_->streams[index] : nullptr;
 }
 
+int FormatContext::channelsAtIndex(unsigned int index) const noexcept {
+    const AVStream* track = trackAtIndex(index);
+    return track && track->codecpar->codec_type == AVMEDIA_TYPE_AUDIO ? compat::channelCount(*track->codecpar)
+                                                                      : 0;
+}
+
+std::string FormatContext::channelLayoutAtIndex(unsigned int index) const {
+    if (channelsAtIndex(index) == 0) return std::string();
+    const std::uint64_t layout = compat::channelLayout(*trackAtIndex(index)->codecpar);
+    return layout == 0 ? std::string() : compat::describeChannelLayout(layout);
+}
+
 std::string FormatContext::metadata(const std::string& key) const {
     if (!formatContext_) return std::string();
     const AVDictionaryEntry* entry = av_dict_get(formatContext_->metadata, key.c_str(), nullptr, 0);

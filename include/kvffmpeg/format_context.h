@@ -69,6 +69,11 @@ public:
     unsigned int tracksNumber() const noexcept;   ///< 0 when closed.
     /// The track's libavformat record; null when closed or out of range.
     AVStream* trackAtIndex(unsigned int index) const noexcept;
+    /// The channels of an audio track; 0 when unknown, when closed or out of range, and for other tracks.
+    int channelsAtIndex(unsigned int index) const noexcept;
+    /// FFmpeg's text for the channel layout of an audio track, such as "stereo"; empty where no layout is
+    /// known.
+    std::string channelLayoutAtIndex(unsigned int index) const;
     /// The container's value for `key` (in any case); empty when absent or closed.
     std::string metadata(const std::string& key) const;
     AVFormatContext* getAVFormatContext() const noexcept {
