@@ -1,7 +1,6 @@
 #include "kvffmpeg/format_context.h"
 
 #include <array>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <mutex>
@@ -11,13 +10,13 @@
 
 #include "ffmpeg_compat.h"
 #include "ffmpeg_ptr.h"
+#include "input_rules.h"
 #include "logger/logger.h"
 #include "text_format.h"
 
 extern "C" {
 #include <libavutil/dict.h>
 #include <libavutil/error.h>
-#include <libavutil/mathematics.h>
 }
 
 namespace kvffmpeg {
@@ -76,8 +75,6 @@ private:
 
 namespace {
 
-constexpr AVRational microseconds{1, 1000000};
-
 // The numbers are what is known of the logger's levels, not their names.
 logger::MessageOstream logDetail() {
     return logger::log(static_cast<logger::Level>(5));
@@ -87,97 +84,6 @@ logger::MessageOstream logDetail() {
     char text[255] = {};
     av_strerror(error, text, sizeof text);
     throw std::runtime_error(text);
-}
-
-/// Wraps around at 64 bits.
-std::int64_t shifted(std::int64_t time, std::int64_t origin) noexcept {
-    return static_cast<std::int64_t>(static_cast<std::uint64_t>(time) + static_cast<std::uint64_t>(origin));
-}
-
-/// Brings a packet as the container has it onto the library's time line.
-void rebase(AVPacket& packet, AVRational timeBase, std::int64_t origin) noexcept {
-    for (std::int64_t* time : {&packet.pts, &packet.dts}) {
-        if (*time != AV_NOPTS_VALUE) *time = av_rescale_q(*time, timeBase, microseconds);
-        if (*time != AV_NOPTS_VALUE) *time = shifted(*time, origin);
-    }
-    if (packet.pts == AV_NOPTS_VALUE) packet.pts = packet.dts;
-    if (packet.dts == AV_NOPTS_VALUE) packet.dts = packet.pts;
-    if (packet.duration != 0) {
-        // Narrowed to 32 bits on purpose: longer durations wrap.
-        packet.duration = static_cast<std::int32_t>(av_rescale_q(packet.duration, timeBase, microseconds));
-    }
-}
-
-/// True when SPS, PPS and IDR slice follow one another behind Annex B start codes.
-bool isH264KeyFrame(const std::uint8_t* data, int size) noexcept {
-    constexpr unsigned sawSps = 1;
-    constexpr unsigned sawPps = 2;
-    constexpr unsigned sawIdr = 4;
-    unsigned state = 0;
-    for (int cursor = 0; cursor + 3 < size;) {
-        if (data[cursor] != 0 || data[cursor + 1] != 0 || data[cursor + 2] != 1) {
-            ++cursor;
-            continue;
-        }
-        const int type = data[cursor + 3] & 0x1f;
-        if (type == 7) state |= sawSps;
-        if (type == 8 && state == sawSps) state |= sawPps;
-        if (type == 5 && (state & sawPps) != 0) state |= sawIdr;
-        if (state == (sawSps | sawPps | sawIdr)) return true;
-        cursor += 4;
-    }
-    return false;
-}
-
-/// The formats that mean full range by themselves, by the format that leaves that to the colour range.
-AVPixelFormat withoutFullRange(AVPixelFormat format) noexcept {
-    switch (format) {
-        case AV_PIX_FMT_YUVJ420P:
-            return AV_PIX_FMT_YUV420P;
-        case AV_PIX_FMT_YUVJ422P:
-            return AV_PIX_FMT_YUV422P;
-        case AV_PIX_FMT_YUVJ444P:
-            return AV_PIX_FMT_YUV444P;
-        case AV_PIX_FMT_YUVJ440P:
-            return AV_PIX_FMT_YUV440P;
-        case AV_PIX_FMT_YUVJ411P:
-            return AV_PIX_FMT_YUV411P;
-        default:
-            return format;
-    }
-}
-
-bool equal(AVRational a, AVRational b) noexcept {
-    return a.num == b.num && a.den == b.den;
-}
-
-/// True when a decoder made for the one can go on with the other. The bit rate may differ.
-bool sameDecoding(const AVCodecParameters& a, const AVCodecParameters& b) noexcept {
-    if (a.codec_type != b.codec_type || a.codec_id != b.codec_id || a.codec_tag != b.codec_tag ||
-        a.format != b.format || a.bits_per_coded_sample != b.bits_per_coded_sample ||
-        a.bits_per_raw_sample != b.bits_per_raw_sample || a.profile != b.profile || a.level != b.level) {
-        return false;
-    }
-    if (a.codec_type == AVMEDIA_TYPE_VIDEO &&
-        (a.width != b.width || a.height != b.height || !equal(a.sample_aspect_ratio, b.sample_aspect_ratio) ||
-         a.field_order != b.field_order || a.color_range != b.color_range ||
-         a.color_primaries != b.color_primaries || a.color_trc != b.color_trc ||
-         a.color_space != b.color_space || a.chroma_location != b.chroma_location ||
-         a.video_delay != b.video_delay)) {
-        return false;
-    }
-    if (a.codec_type == AVMEDIA_TYPE_AUDIO &&
-        (compat::channelLayout(a) != compat::channelLayout(b) ||
-         compat::channelCount(a) != compat::channelCount(b) || a.sample_rate != b.sample_rate ||
-         a.block_align != b.block_align || a.frame_size != b.frame_size ||
-         a.initial_padding != b.initial_padding || a.trailing_padding != b.trailing_padding ||
-         a.seek_preroll != b.seek_preroll)) {
-        return false;
-    }
-    if (a.extradata_size != b.extradata_size || (a.extradata == nullptr) != (b.extradata == nullptr))
-        return false;
-    return !a.extradata || a.extradata_size <= 0 ||
-           std::memcmp(a.extradata, b.extradata, static_cast<std::size_t>(a.extradata_size)) == 0;
 }
 
 }  // namespace
@@ -246,20 +152,10 @@ bool FormatContext::open(const std::string& format, bool findStreamInfo) {
         compat::completeChannelLayout(*context->streams[i]->codecpar);
     }
     if (std::strcmp(context->iformat->name, "rawpacket") == 0) isRawPacket_ = true;
-    findTimeOrigin();
+    timeOrigin_ = timeOriginOf(*context, timeOrigin_);
     logDetail() << url_ << " opened, time origin " << timeOrigin_;
     packetsRead_ = 0;
     return true;
-}
-
-void FormatContext::findTimeOrigin() noexcept {
-    const std::int64_t realTime = formatContext_->start_time_realtime;
-    if ((realTime & INT64_MAX) != 0) {  // neither 0 nor AV_NOPTS_VALUE
-        timeOrigin_ = realTime;
-    } else if (const AVDictionaryEntry* entry =
-                   av_dict_get(formatContext_->metadata, "timeorigin", nullptr, 0)) {
-        timeOrigin_ = entry->value ? std::strtoll(entry->value, nullptr, 10) : 0;
-    }
 }
 
 void FormatContext::close() {
@@ -320,7 +216,7 @@ std::shared_ptr<Packet> FormatContext::readPacket() {
     if (result != 0) throwFFmpegError(result);
     ++packetsRead_;
     if (const AVStream* track = trackAtIndex(static_cast<unsigned int>(packet->stream_index))) {
-        rebase(*packet, track->time_base, timeOrigin_);
+        rebasePacket(*packet, track->time_base, timeOrigin_);
     }
     if (!isRawPacket_) setKeyFrameFlag(packet.get());
     auto copy = std::make_shared<Packet>(*packet);

@@ -134,7 +134,6 @@ private:
     };
     using CodecContextPtr = std::unique_ptr<AVCodecContext, FreeCodec>;
 
-    void findTimeOrigin() noexcept;
     Frame decodeVideo(AVCodecContext* decoder, const Packet& packet);
     Frame decodeAudio(AVCodecContext* decoder, const Packet& packet);
 
