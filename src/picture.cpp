@@ -77,12 +77,12 @@ const unsigned char* readableEnd(const Picture& picture, const AVPixFmtDescripto
            storedRowBytes(picture.pixelFormat(), plane, picture.width());
 }
 
-/// How many samples of a component can be read from a row: at most `wanted`, and none beyond the row's
-/// linesize or the end of the buffer. (In formats that pack several pixels into a step, steps of a pixel
-/// leave the row.)
+/// How many samples of a component can be read from a row: at most `wanted`, and none beyond the `rowBytes`
+/// that are visible or the end of the buffer. (In formats that pack several pixels into a step, steps of a
+/// pixel leave the row, for its padding or for what a crop hides.)
 std::ptrdiff_t readableSamples(std::ptrdiff_t wanted, const AVComponentDescriptor& component,
-                               std::ptrdiff_t linesize, std::ptrdiff_t bytesToEnd) noexcept {
-    const std::ptrdiff_t bytes = std::min(linesize, bytesToEnd) - component.offset;
+                               std::ptrdiff_t rowBytes, std::ptrdiff_t bytesToEnd) noexcept {
+    const std::ptrdiff_t bytes = std::min(rowBytes, bytesToEnd) - component.offset;
     if (bytes <= 0 || component.step <= 0) return 0;
     return std::min(wanted, (bytes + component.step - 1) / component.step);
 }
@@ -117,16 +117,22 @@ Picture::Picture(const AVFrame* frame)
     fill(frame->data, frame->linesize, size_.w, size_.h);
 }
 
-Picture::Picture(Picture&& other) noexcept : Picture() {
-    *this = std::move(other);
-}
+Picture::Picture(Picture&& other) noexcept { swap(other); }
 
 Picture& Picture::operator=(Picture&& other) noexcept {
-    if (this != &other) {
-        *this = static_cast<const Picture&>(other);
-        other = Picture();
-    }
+    Picture taken(std::move(other));
+    swap(taken);
     return *this;
+}
+
+void Picture::swap(Picture& other) noexcept {
+    std::swap(size_, other.size_);
+    std::swap(pixelFormat_, other.pixelFormat_);
+    std::swap(colorRange_, other.colorRange_);
+    buffer_.swap(other.buffer_);
+    std::swap(planes_, other.planes_);
+    std::swap(linesizes_, other.linesizes_);
+    std::swap(alignment_, other.alignment_);
 }
 
 void Picture::setData(std::shared_ptr<MemBuffer> buffer) noexcept {
@@ -270,14 +276,15 @@ bool Picture::operator==(const Picture& other) const noexcept {
         const bool isChroma = (p == 1 || p == 2) && (format->flags & AV_PIX_FMT_FLAG_RGB) == 0;
         const int width = size_.w >> (isChroma ? format->log2_chroma_w : 0);
         const int height = size_.h >> (isChroma ? format->log2_chroma_h : 0);
+        const std::ptrdiff_t rowBytes = storedRowBytes(pixelFormat_, p, size_.w);
         const unsigned char* row = planes_[p];
         const unsigned char* otherRow = other.planes_[p];
         const unsigned char* end = readableEnd(*this, *format, p);
         const unsigned char* otherEnd = readableEnd(other, *format, p);
         for (int y = 0; y < height && row < end && otherRow < otherEnd; ++y) {
             const std::ptrdiff_t count =
-                std::min(readableSamples(width, component, linesizes_[p], end - row),
-                         readableSamples(width, component, other.linesizes_[p], otherEnd - otherRow));
+                std::min(readableSamples(width, component, rowBytes, end - row),
+                         readableSamples(width, component, rowBytes, otherEnd - otherRow));
             if (!equalSamples(row + component.offset, otherRow + component.offset, count, component.step)) {
                 return false;
             }

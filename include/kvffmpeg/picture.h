@@ -113,6 +113,8 @@ public:
     std::string debugDescription() const;
 
 private:
+    void swap(Picture& other) noexcept;
+
     rect_size_t size_;
     AVPixelFormat pixelFormat_ = AV_PIX_FMT_NONE;
     AVColorRange colorRange_ = AVCOL_RANGE_UNSPECIFIED;
