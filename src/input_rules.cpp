@@ -53,8 +53,13 @@ bool isH264KeyFrame(const std::uint8_t* data, int size) noexcept {
     constexpr unsigned sawIdr = 4;
     unsigned state = 0;
     for (int cursor = 0; cursor + 3 < size;) {
-        if (data[cursor] != 0 || data[cursor + 1] != 0 || data[cursor + 2] != 1) {
+        // A third byte that is not 0 is in no later start code, which would have it first or second.
+        if (data[cursor + 2] == 0) {
             ++cursor;
+            continue;
+        }
+        if (data[cursor + 2] != 1 || data[cursor] != 0 || data[cursor + 1] != 0) {
+            cursor += 3;
             continue;
         }
         const int type = data[cursor + 3] & 0x1f;
