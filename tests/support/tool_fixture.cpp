@@ -1,0 +1,70 @@
+#include "support/tool_fixture.h"
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+
+#include "support/media.h"
+
+namespace kvffmpeg::test {
+
+std::string ToolFixture::makeClip(const std::string& name, const std::string& options) const {
+    const std::string path = file(name);
+    runFFmpeg(
+        "-f lavfi -i \"color=black:size=64x48:rate=10:duration=2,format=yuv420p,"
+        "geq=lum='16+N*10':cb=128:cr=128\" -f lavfi -i sine=sample_rate=48000:duration=2 -c:a mp2 " +
+        options + " " + path);
+    return path;
+}
+
+std::string ToolFixture::makeSound(const std::string& name, const std::string& options) const {
+    const std::string path = file(name);
+    runFFmpeg("-f lavfi -i sine=sample_rate=8000:duration=0.5 -bitexact -c:a pcm_s16le " + options + " " +
+              path);
+    return path;
+}
+
+std::string ToolFixture::makeFolder(const std::string& name) const {
+    std::filesystem::create_directory(file(name));
+    return file(name);
+}
+
+int numberOfPicture(const std::string& path) {
+    const Picture picture = loadPicture(path);
+    if (picture.empty()) return -1;
+    // Saved pictures have full range: 219 steps of gray have become 255.
+    return static_cast<int>(std::lround(picture.getPlanes()[0][0] * 219.0 / 255 / 10));
+}
+
+std::vector<int> numbersOfPictures(const std::string& folder) {
+    std::vector<int> numbers;
+    for (const std::string& name : namesIn(folder)) numbers.push_back(numberOfPicture(folder + "/" + name));
+    return numbers;
+}
+
+std::vector<std::string> namesIn(const std::string& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    for (std::size_t begin = 0; begin < text.size();) {
+        const std::size_t end = std::min(text.find('\n', begin), text.size());
+        lines.push_back(text.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    return lines;
+}
+
+void expectRefusal(const Result& result, int exitCode, const std::string& text) {
+    EXPECT_EQ(result.exitCode, exitCode);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "kvffmpeg: " + text + "\n");
+}
+
+}  // namespace kvffmpeg::test

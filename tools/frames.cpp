@@ -1,0 +1,210 @@
+#include "frames.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <iostream>
+#include <stdexcept>
+#include <system_error>
+
+#include "arguments.h"
+#include "console.h"
+#include "errors.h"
+#include "file_pattern.h"
+#include "kvffmpeg/scaler.h"
+#include "kvffmpeg/utils.h"
+
+extern "C" {
+#include <libavutil/mathematics.h>
+}
+
+namespace kvffmpeg::tool {
+namespace {
+
+/// The side that goes with `side` in a picture of the same proportions as `source`.
+int otherSide(int side, int sourceSide, int sourceOther) {
+    const std::int64_t other = av_rescale(sourceOther, side, sourceSide);
+    if (other > longestSide) throw std::runtime_error("--size: The pictures would become too large");
+    return std::max(1, static_cast<int>(other));
+}
+
+rect_size_t targetSize(rect_size_t wanted, rect_size_t source) {
+    if (wanted.w < 0) wanted.w = otherSide(wanted.h, source.h, source.w);
+    if (wanted.h < 0) wanted.h = otherSide(wanted.w, source.w, source.h);
+    return wanted;
+}
+
+Picture scaled(Scaler& scaler, const Picture& picture, rect_size_t wanted) {
+    const rect_size_t size = targetSize(wanted, picture.size());
+    Picture result = scaler.scale(picture, size);
+    // Not every format can be written by libswscale; palettes cannot.
+    if (result.empty()) result = scaler.scale(picture, size, AV_PIX_FMT_RGBA, AVCOL_RANGE_UNSPECIFIED);
+    if (result.empty()) throw std::runtime_error("Could not scale " + picture.debugDescription());
+    return result;
+}
+
+bool isVideo(const AVStream* track) {
+    return track && track->codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+}
+
+bool isAttachedPicture(const AVStream& track) {
+    return (track.disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
+}
+
+/// The first video track, covers of audio files last.
+unsigned int defaultTrack(const Input& input) {
+    std::optional<unsigned int> cover;
+    for (unsigned int i = 0; i < input.context().tracksNumber(); ++i) {
+        const AVStream* track = input.context().trackAtIndex(i);
+        if (!isVideo(track)) continue;
+        if (!isAttachedPicture(*track)) return i;
+        if (!cover) cover = i;
+    }
+    if (!cover) throw std::runtime_error(input.name() + ": There is no video in it");
+    return *cover;
+}
+
+unsigned int chooseTrack(const Input& input, const std::optional<unsigned int>& wanted) {
+    if (!wanted) return defaultTrack(input);
+    if (!isVideo(input.context().trackAtIndex(*wanted))) {
+        throw UsageError("--track " + std::to_string(*wanted) + ": There is no such video track in " +
+                         input.name());
+    }
+    return *wanted;
+}
+
+void discardOthers(FormatContext& context, unsigned int track) {
+    for (unsigned int i = 0; i < context.tracksNumber(); ++i) {
+        if (i != track) context.discardTrackAtIndex(i, AVDISCARD_ALL);
+    }
+}
+
+/// The longest that a picture can be shown after it was decoded. Containers are searched by decoding time.
+Timestamp reorderingDelay(const AVStream& track) {
+    constexpr int mostReordered = 16;  // pictures; the limit of H.264 and HEVC
+    const std::optional<AVRational> rate = frameRate(track);
+    if (!rate) return Timestamp(1000000);
+    return Timestamp(av_rescale(mostReordered * std::int64_t{1000000}, rate->den, rate->num));
+}
+
+/// Moves to a key frame from which the picture at `target` can be decoded. An input that cannot seek is read
+/// from its beginning.
+void seekBefore(Input& input, unsigned int track, Timestamp target) {
+    if (input.context().isStreamed()) return;
+    const Timestamp safe = target - reorderingDelay(*input.context().trackAtIndex(track));
+    if (input.seek(std::max(safe, input.start()))) return;
+    throwIfInterrupted();
+    input.reopen();
+    discardOthers(input.context(), track);
+}
+
+/// Only formats whose files are what the encoder makes, with no container around it.
+void requirePictureFormat(const std::string& path) {
+    const auto* format = av_guess_format(nullptr, path.c_str(), nullptr);
+    const bool isPicture =
+        format && format->name == std::string("image2") &&
+        avcodec_find_encoder(av_guess_codec(format, nullptr, path.c_str(), nullptr, AVMEDIA_TYPE_VIDEO));
+    if (!isPicture) {
+        throw UsageError("--output: " + path +
+                         " would not be a picture that can be written, such as .png or .jpg");
+    }
+}
+
+/// Saves pictures under numbered names.
+class PictureFiles {
+public:
+    PictureFiles(const std::string& pattern, std::string inputName)
+        : pattern_(pattern), inputName_(std::move(inputName)) {}
+
+    void save(const Picture& picture) {
+        const std::string path = pattern_.name(written_ + 1);
+        std::error_code notThere;
+        if (std::filesystem::equivalent(path, inputName_, notThere)) {
+            throw std::runtime_error(path + " is the input, and was not overwritten");
+        }
+        savePicture(picture, path);
+        ++written_;
+    }
+
+    std::uint64_t written() const { return written_; }
+    std::string nextName() const { return pattern_.name(written_ + 1); }
+
+    /// "3 pictures: a1.png to a3.png".
+    void writeSummary(std::ostream& out) const {
+        if (written_ == 0) return;
+        out << written_ << (written_ == 1 ? " picture: " : " pictures: ") << printable(pattern_.name(1));
+        if (written_ > 1) out << " to " << printable(pattern_.name(written_));
+        out << '\n';
+    }
+
+private:
+    FilePattern pattern_;
+    std::string inputName_;
+    std::uint64_t written_ = 0;
+};
+
+/// Gives the scaler its algorithm, whose name comes from the command line.
+void setAlgorithm(Scaler& scaler, const std::string& name) {
+    try {
+        scaler.setAlgorithm(name);
+    } catch (const std::runtime_error& error) {
+        throw UsageError(std::string("--algorithm: ") + error.what());
+    }
+}
+
+void showPosition(const Input& input, const Frame& frame, std::uint64_t written) {
+    if (!progressIsDue()) return;
+    const bool hasTime = frame.PTS().value() != AV_NOPTS_VALUE;
+    showProgress(std::to_string(written) + " pictures" +
+                 (hasTime ? ", " + clockText(frame.PTS() - input.start()) : ""));
+}
+
+/// The next picture of the track; an empty frame at the end.
+Frame nextPicture(Input& input, unsigned int track) {
+    while (const std::shared_ptr<Packet> packet = input.readPacket()) {
+        // Not every demuxer heeds the request to discard the others.
+        if (packet->streamIndex() != track) continue;
+        Frame frame = input.context().decodePacket(packet);
+        if (!frame.picture().empty()) return frame;
+    }
+    return Frame();
+}
+
+void saveAll(Input& input, unsigned int track, const FramesOptions& options, Scaler& scaler,
+             PictureFiles& files) {
+    const Timestamp start = options.start.is_nil() ? Timestamp() : input.start() + options.start;
+    while (files.written() < options.count) {
+        const Frame frame = nextPicture(input, track);
+        if (frame.empty()) break;
+        showPosition(input, frame, files.written());
+        // An unknown time is the smallest of all.
+        if (!start.is_nil() && frame.PTS() < start) continue;
+        files.save(options.size ? scaled(scaler, frame.picture(), *options.size) : frame.picture());
+    }
+    clearProgress();
+}
+
+}  // namespace
+
+void saveFrames(const FramesOptions& options) {
+    Scaler scaler;
+    setAlgorithm(scaler, options.algorithm);
+    PictureFiles files(options.output, options.input.url);
+    Input input(options.input);
+    requirePictureFormat(files.nextName());
+    const unsigned int track = chooseTrack(input, options.track);
+    discardOthers(input.context(), track);
+    if (options.start > Timestamp(0)) seekBefore(input, track, input.start() + options.start);
+    try {
+        saveAll(input, track, options, scaler, files);
+    } catch (...) {
+        clearProgress();
+        files.writeSummary(std::cout);  // what was written so far stays
+        std::cout.flush();
+        throw;
+    }
+    if (files.written() == 0) throw std::runtime_error(input.name() + ": No picture was written");
+    files.writeSummary(std::cout);
+    flushOutput();
+}
+
+}  // namespace kvffmpeg::tool

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <string>
+
+#include "input.h"
+#include "kvffmpeg/geometry.h"
+#include "kvffmpeg/timestamp.h"
+
+namespace kvffmpeg::tool {
+
+struct FramesOptions {
+    InputOptions input;
+    std::string output;  ///< See `FilePattern`.
+    Timestamp start;     ///< Behind the start of the input, in microseconds. Nil: from the first picture on.
+    std::uint64_t count = std::numeric_limits<std::uint64_t>::max();
+    std::optional<rect_size_t> size;  ///< A side of -1 follows from the other one.
+    std::string algorithm = "lanczos";
+    std::optional<unsigned int> track;
+};
+
+/// Decodes a video track and saves its pictures. Says on std::cout which files were written.
+/// @throws std::runtime_error also when there was no picture to write.
+void saveFrames(const FramesOptions& options);
+
+}  // namespace kvffmpeg::tool
