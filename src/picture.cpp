@@ -117,7 +117,9 @@ Picture::Picture(const AVFrame* frame)
     fill(frame->data, frame->linesize, size_.w, size_.h);
 }
 
-Picture::Picture(Picture&& other) noexcept { swap(other); }
+Picture::Picture(Picture&& other) noexcept {
+    swap(other);
+}
 
 Picture& Picture::operator=(Picture&& other) noexcept {
     Picture taken(std::move(other));
@@ -137,7 +139,8 @@ void Picture::swap(Picture& other) noexcept {
 
 void Picture::setData(std::shared_ptr<MemBuffer> buffer) noexcept {
     buffer_ = std::move(buffer);
-    const bool laidOut = buffer_ && size_.w > 0 && size_.h > 0 &&
+    // Without bytes, FFmpeg before 5 counts its pointers up from null.
+    const bool laidOut = buffer_ && buffer_->data() && size_.w > 0 && size_.h > 0 &&
                          av_image_fill_arrays(planes_, linesizes_, buffer_->data(), pixelFormat_, size_.w,
                                               size_.h, alignment_) >= 0;
     if (!laidOut) {
