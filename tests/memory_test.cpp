@@ -15,73 +15,14 @@
 #include <utility>
 #include <vector>
 
-namespace {
-
-// The heap as this program sees it, the library included: what is asked of array new, and failures on demand.
-// The counters belong to a thread each.
-struct Heap {
-    long failAfter = -1;         ///< So many allocations still succeed; then one fails. Never when negative.
-    bool recording = false;      ///< Whether the two counters below count.
-    std::size_t arrayBytes = 0;  ///< The last request to array new.
-    int arrayRequests = 0;
-    int arrayReleases = 0;
-};
-thread_local Heap heap;
-
-void* allocateOrThrow(std::size_t size) {
-    if (heap.failAfter == 0) {
-        heap.failAfter = -1;
-        throw std::bad_alloc();
-    }
-    if (heap.failAfter > 0) --heap.failAfter;
-    if (void* block = std::malloc(size == 0 ? 1 : size)) return block;
-    throw std::bad_alloc();
-}
-
-void* allocateOrNull(std::size_t size) noexcept {
-    return std::malloc(size == 0 ? 1 : size);
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    return allocateOrThrow(size);
-}
-void* operator new[](std::size_t size) {
-    if (heap.recording) {
-        heap.arrayBytes = size;
-        ++heap.arrayRequests;
-    }
-    return allocateOrThrow(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return allocateOrNull(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return allocateOrNull(size);
-}
-void operator delete(void* block) noexcept {
-    std::free(block);
-}
-void operator delete[](void* block) noexcept {
-    if (heap.recording && block) ++heap.arrayReleases;
-    std::free(block);
-}
-void operator delete(void* block, std::size_t) noexcept {
-    std::free(block);
-}
-void operator delete[](void* block, std::size_t) noexcept {
-    operator delete[](block);
-}
-void operator delete(void* block, const std::nothrow_t&) noexcept {
-    std::free(block);
-}
-void operator delete[](void* block, const std::nothrow_t&) noexcept {
-    std::free(block);
-}
+#include "support/test_heap.h"
 
 namespace kvffmpeg {
 namespace {
+
+using test::failEachAllocation;
+using test::Heap;
+using test::heap;
 
 static_assert(!std::is_copy_constructible_v<MemBuffer> && !std::is_copy_assignable_v<MemBuffer>);
 static_assert(!std::is_move_constructible_v<MemBuffer> && !std::is_move_assignable_v<MemBuffer>);
@@ -96,33 +37,13 @@ const std::size_t firstTooLarge = static_cast<std::size_t>(PTRDIFF_MAX) - 31;
 /// Counts what array new and delete do while it lives.
 struct Recording {
     Recording() {
-        heap = Heap{};
-        heap.recording = true;
+        heap() = Heap{};
+        heap().recording = true;
     }
-    ~Recording() { heap = Heap{}; }
+    ~Recording() { heap() = Heap{}; }
     Recording(const Recording&) = delete;
     Recording& operator=(const Recording&) = delete;
 };
-
-/// Runs `action` with its first, second, ... allocation failing, until it succeeds; calls `checkUnchanged`
-/// after every failure. @returns the number of failures.
-template <typename Action, typename Check>
-int failEachAllocation(Action action, Check checkUnchanged) {
-    for (int failures = 0; failures < 1000; ++failures) {
-        heap.failAfter = failures;
-        bool thrown = false;
-        try {
-            action();
-        } catch (const std::bad_alloc&) {
-            thrown = true;
-        }
-        heap.failAfter = -1;
-        if (!thrown) return failures;
-        checkUnchanged();
-    }
-    ADD_FAILURE() << "never succeeds";
-    return -1;
-}
 
 std::vector<unsigned char> numbered(std::size_t count, unsigned char first = 1) {
     std::vector<unsigned char> bytes(count);
@@ -166,11 +87,11 @@ TEST(MemBufferTest, OwnedBlockIsOneArrayNewOfSizePlus32) {
         MemBuffer buffer(100, nullptr);
         EXPECT_EQ(buffer.size(), 100u);
         EXPECT_NE(buffer.data(), nullptr);
-        EXPECT_EQ(heap.arrayRequests, 1);
-        EXPECT_EQ(heap.arrayBytes, 132u);
-        EXPECT_EQ(heap.arrayReleases, 0);
+        EXPECT_EQ(heap().arrayRequests, 1);
+        EXPECT_EQ(heap().arrayBytes, 132u);
+        EXPECT_EQ(heap().arrayReleases, 0);
     }
-    EXPECT_EQ(heap.arrayReleases, 1);
+    EXPECT_EQ(heap().arrayReleases, 1);
 }
 
 TEST(MemBufferTest, PaddingIsReadableAndWritable) {
@@ -189,7 +110,7 @@ TEST(MemBufferTest, SizeZeroAllocatesNothing) {
     MemBuffer buffer(0, nullptr);
     EXPECT_EQ(buffer.size(), 0u);
     EXPECT_EQ(buffer.data(), nullptr);
-    EXPECT_EQ(heap.arrayRequests, 0);
+    EXPECT_EQ(heap().arrayRequests, 0);
 }
 
 TEST(MemBufferTest, OutsideMemoryReportsSizeZeroAndIsNotFreed) {
@@ -231,9 +152,9 @@ TEST(MemBufferTest, GrowingAfterShrinkingReallocatesAndKeepsTheShrunkContent) {
     const Recording recording;
     buffer.resize(80);
     EXPECT_EQ(buffer.size(), 80u);
-    EXPECT_EQ(heap.arrayRequests, 1);
-    EXPECT_EQ(heap.arrayBytes, 112u);
-    EXPECT_EQ(heap.arrayReleases, 1);
+    EXPECT_EQ(heap().arrayRequests, 1);
+    EXPECT_EQ(heap().arrayBytes, 112u);
+    EXPECT_EQ(heap().arrayReleases, 1);
     EXPECT_EQ(content(buffer, 50), numbered(50));
 }
 
@@ -267,13 +188,13 @@ TEST(MemBufferTest, GrowingOutsideMemoryFreesItAndStaysExternal) {
         const Recording recording;
         MemBuffer buffer(10, outside);
         buffer.resize(20);  // frees `outside`: nothing is copied, the size was 0
-        EXPECT_EQ(heap.arrayBytes, 52u);
-        EXPECT_EQ(heap.arrayReleases, 1);
+        EXPECT_EQ(heap().arrayBytes, 52u);
+        EXPECT_EQ(heap().arrayReleases, 1);
         EXPECT_EQ(buffer.size(), 20u);
         EXPECT_NE(buffer.data(), outside);
         setContent(buffer, numbered(20));
         buffer.resize(30);
-        EXPECT_EQ(heap.arrayReleases, 2);
+        EXPECT_EQ(heap().arrayReleases, 2);
         EXPECT_EQ(content(buffer, 20), numbered(20));
         grown = buffer.data();
     }
@@ -287,7 +208,7 @@ TEST(MemBufferTest, SizesThatDoNotFitAreBadAllocWithoutAnAllocation) {
                              static_cast<std::size_t>(PTRDIFF_MAX)}) {
         EXPECT_THROW(MemBuffer(size, nullptr), std::bad_alloc) << size;
     }
-    EXPECT_EQ(heap.arrayRequests, 0);
+    EXPECT_EQ(heap().arrayRequests, 0);
 }
 
 TEST(MemBufferTest, FailedResizeChangesNothing) {
@@ -325,11 +246,11 @@ TEST(FixedBufferPoolTest, BlocksAreArrayNewOfExactlyTheBlockSize) {
     FixedBufferPool pool(77);
     const Recording recording;
     void* const block = pool.alloc();
-    EXPECT_EQ(heap.arrayRequests, 1);
-    EXPECT_EQ(heap.arrayBytes, 77u);
+    EXPECT_EQ(heap().arrayRequests, 1);
+    EXPECT_EQ(heap().arrayBytes, 77u);
     std::memset(block, 1, 77);
     pool.release(block);
-    EXPECT_EQ(heap.arrayReleases, 0);
+    EXPECT_EQ(heap().arrayReleases, 0);
 }
 
 TEST(FixedBufferPoolTest, StatusCountsBytesOfAllAndOfUsedBlocks) {
@@ -362,11 +283,11 @@ TEST(FixedBufferPoolTest, ReuseIsLastInFirstOut) {
 TEST(FixedBufferPoolTest, AHitDoesNotAllocate) {
     FixedBufferPool pool(10);
     pool.release(pool.alloc());
-    heap.failAfter = 0;
+    heap().failAfter = 0;
     void* const block = pool.alloc();
     pool.release(block);
-    EXPECT_EQ(heap.failAfter, 0) << "something was allocated";
-    heap.failAfter = -1;
+    EXPECT_EQ(heap().failAfter, 0) << "something was allocated";
+    heap().failAfter = -1;
     EXPECT_EQ(status(pool), (Status{10, 0}));
 }
 
@@ -553,10 +474,10 @@ TEST(PoolAllocatorTest, FailureOfAHitLosesNoBlock) {
 TEST(PoolAllocatorTest, ReleaseDoesNotAllocate) {
     PoolAllocator allocator;
     void* const block = allocator.alloc(50);
-    heap.failAfter = 0;
+    heap().failAfter = 0;
     allocator.release(block);
-    EXPECT_EQ(heap.failAfter, 0) << "something was allocated";
-    heap.failAfter = -1;
+    EXPECT_EQ(heap().failAfter, 0) << "something was allocated";
+    heap().failAfter = -1;
 }
 
 TEST(PoolAllocatorTest, SizesThatDoNotFitAreBadAllocAndChangeNothing) {

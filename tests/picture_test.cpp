@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "support/media.h"
+#include "support/test_heap.h"
 
 extern "C" {
 #include <libavutil/buffer.h>
@@ -26,57 +27,10 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
-namespace {
-
-// So many of this thread's allocations by `new` still succeed; then one fails. Never when negative.
-thread_local long allocationsUntilFailure = -1;
-
-void* allocateOrThrow(std::size_t size) {
-    if (allocationsUntilFailure == 0) {
-        allocationsUntilFailure = -1;
-        throw std::bad_alloc();
-    }
-    if (allocationsUntilFailure > 0) --allocationsUntilFailure;
-    if (void* block = std::malloc(size == 0 ? 1 : size)) return block;
-    throw std::bad_alloc();
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    return allocateOrThrow(size);
-}
-void* operator new[](std::size_t size) {
-    return allocateOrThrow(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return std::malloc(size + 1);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return std::malloc(size + 1);
-}
-void operator delete(void* block) noexcept {
-    std::free(block);
-}
-void operator delete[](void* block) noexcept {
-    std::free(block);
-}
-void operator delete(void* block, std::size_t) noexcept {
-    std::free(block);
-}
-void operator delete[](void* block, std::size_t) noexcept {
-    std::free(block);
-}
-void operator delete(void* block, const std::nothrow_t&) noexcept {
-    std::free(block);
-}
-void operator delete[](void* block, const std::nothrow_t&) noexcept {
-    std::free(block);
-}
-
 namespace kvffmpeg {
 namespace {
 
+using test::failEachAllocation;
 using testing::Each;
 using testing::ElementsAre;
 
@@ -115,26 +69,6 @@ struct FFmpegWithoutMemory {
     FFmpegWithoutMemory(const FFmpegWithoutMemory&) = delete;
     FFmpegWithoutMemory& operator=(const FFmpegWithoutMemory&) = delete;
 };
-
-/// Runs `action` with its first, second, ... allocation failing, until it succeeds; calls `checkUnchanged`
-/// after every failure. @returns the number of failures.
-template <typename Action, typename Check>
-int failEachAllocation(Action action, Check checkUnchanged) {
-    for (int failures = 0; failures < 100; ++failures) {
-        allocationsUntilFailure = failures;
-        bool thrown = false;
-        try {
-            action();
-        } catch (const std::bad_alloc&) {
-            thrown = true;
-        }
-        allocationsUntilFailure = -1;
-        if (!thrown) return failures;
-        checkUnchanged();
-    }
-    ADD_FAILURE() << "never succeeds";
-    return -1;
-}
 
 std::vector<unsigned char> bufferBytes(const Picture& picture) {
     return {picture.buffer()->data(), picture.buffer()->data() + picture.buffer()->size()};

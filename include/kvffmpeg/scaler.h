@@ -46,13 +46,17 @@ public:
     void setAlgorithm(const std::string& name);
 
     /// `source` in another size, pixel format and colour range. Where nothing differs the result shares the
-    /// source's pixels; otherwise it has pixels of its own in rows without padding, every byte of them
-    /// written. Its colour range is `range` as given. A range of AVCOL_RANGE_UNSPECIFIED leaves libswscale's
-    /// own choice in force; a range that was set stays in the kept context, so that later pictures of
-    /// unspecified range inherit it.
+    /// source's pixels; otherwise it has pixels of its own in rows without padding. Its colour range is
+    /// `range` as given. A range of AVCOL_RANGE_UNSPECIFIED leaves libswscale's own choice in force; a range
+    /// that was set stays in the kept context, so that later pictures of unspecified range inherit it.
+    ///
+    /// libswscale is fastest where the width is a multiple of 32, the height even, and every plane's row a
+    /// multiple of 32 bytes (as in 1920x1080, 1280x720 and 640x480); other pictures, unaligned crops and
+    /// borrowed buffers are copied once more on their way. The few samples that libswscale does not write,
+    /// such as the last column of an odd width in some formats, are zero.
     /// @returns an empty picture for an empty source, an unknown format, a size that is not positive, and a
     /// conversion that libswscale does not offer.
-    /// @throws std::bad_alloc when memory runs out or the size is too large.
+    /// @throws std::bad_alloc when memory runs out or the size is too large for a picture.
     Picture scale(const Picture& source, rect_size_t size, AVPixelFormat format, AVColorRange range);
     /// The same with the source's format and colour range.
     Picture scale(const Picture& source, rect_size_t size);
