@@ -58,7 +58,7 @@ std::size_t AudioBuffer::planeCount() const noexcept {
 
 /// The sample count, as far as every plane has the bytes: a copy may have resized the planes, and a `resize`
 /// that throws leaves its count.
-std::uint64_t AudioBuffer::availableSamples() const noexcept {
+std::uint64_t AudioBuffer::readableSamples() const noexcept {
     const int sampleBytes = av_get_bytes_per_sample(sampleFormat_);
     const int channels = numberOfChannels();
     if (!planes_ || planes_->empty() || sampleBytes <= 0 || channels == 0) return 0;
@@ -126,7 +126,7 @@ void AudioBuffer::loadAVFrame(const AVFrame* frame) {
 
 void AudioBuffer::fillAVFrame(AVFrame* frame) const {
     const int channels = numberOfChannels();
-    const auto samples = static_cast<int>(std::min<std::uint64_t>(availableSamples(), INT_MAX));
+    const auto samples = static_cast<int>(std::min<std::uint64_t>(readableSamples(), INT_MAX));
     const std::size_t planes = planes_ ? planes_->size() : 0;
     std::vector<std::uint8_t*> pointers(std::max<std::size_t>(planes, AV_NUM_DATA_POINTERS));
 
@@ -186,7 +186,7 @@ void AudioBuffer::loadSamples(const std::vector<std::int16_t>& samples) {
     createPlanes();
     resize(samples.size());
     const auto channels = static_cast<std::size_t>(numberOfChannels());
-    const auto count = static_cast<std::size_t>(availableSamples());
+    const auto count = static_cast<std::size_t>(readableSamples());
     if (sampleFormat_ == AV_SAMPLE_FMT_S16) {
         unsigned char* out = planes_->front().data();
         for (std::size_t slot = 0; slot < count * channels; ++slot) {

@@ -1,5 +1,6 @@
 #include "ffmpeg_compat.h"
 
+#include <cctype>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -13,6 +14,7 @@ extern "C" {
 #include <libavformat/version.h>
 #include <libavutil/bprint.h>
 #include <libavutil/channel_layout.h>
+#include <libavutil/opt.h>
 #include <libavutil/version.h>
 }
 
@@ -190,6 +192,42 @@ void completeChannelLayout(AVCodecParameters& parameters) noexcept {
     // Without a default layout the object stays as it is: writing 0 would lose the channel count.
     const std::uint64_t mask = defaultChannelLayout(channelCount(parameters));
     if (mask != 0) setLayoutOf(parameters, mask);
+}
+
+int channelIndex(const char* name, std::uint64_t layout) noexcept {
+    std::uint64_t mask = 0;
+#if KVFFMPEG_HAVE_CH_LAYOUT
+    AVChannelLayout parsed{};
+    // Blanks before a name are taken since this function exists, and were not before.
+    const bool isBlank = std::isspace(static_cast<unsigned char>(*name)) != 0;
+    if (*name != '\0' && !isBlank && av_channel_layout_from_string(&parsed, name) >= 0) mask = maskOf(parsed);
+    av_channel_layout_uninit(&parsed);
+#else
+    mask = av_get_channel_layout(name);
+#endif
+    if (channelsOfLayout(mask) != 1 || (mask & layout) == 0) return AVERROR(EINVAL);
+    return channelsOfLayout(layout & (mask - 1));
+}
+
+void setResamplerLayouts(SwrContext* context, std::uint64_t in, std::uint64_t out) noexcept {
+#if KVFFMPEG_HAVE_CH_LAYOUT
+    // Without a mask the option stays blank, and the context refuses to be initialised.
+    AVChannelLayout layout{};
+    if (in != 0) {
+        setMask(layout, in);
+        av_opt_set_chlayout(context, "in_chlayout", &layout, 0);
+    }
+    if (out != 0) {
+        setMask(layout, out);
+        av_opt_set_chlayout(context, "out_chlayout", &layout, 0);
+    }
+    av_channel_layout_uninit(&layout);
+#else
+    av_opt_set_channel_layout(context, "in_channel_layout", static_cast<std::int64_t>(in), 0);
+    av_opt_set_int(context, "in_channel_count", channelsOfLayout(in), 0);
+    av_opt_set_channel_layout(context, "out_channel_layout", static_cast<std::int64_t>(out), 0);
+    av_opt_set_int(context, "out_channel_count", channelsOfLayout(out), 0);
+#endif
 }
 
 Decoded decodeVideo(AVCodecContext* decoder, const AVPacket* packet, AVFrame* frame) noexcept {

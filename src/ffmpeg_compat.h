@@ -15,6 +15,8 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
+struct SwrContext;
+
 namespace kvffmpeg::compat {
 
 /// Makes demuxers, codecs and filters known to FFmpeg. Needed before the first use of any by FFmpeg 3; cheap
@@ -50,6 +52,12 @@ std::uint64_t channelLayout(const AVCodecParameters& parameters) noexcept;
 int channelCount(const AVCodecParameters& parameters) noexcept;
 /// Gives audio parameters that have a channel count but no layout the default layout of that count.
 void completeChannelLayout(AVCodecParameters& parameters) noexcept;
+
+/// The place of a channel, named as FFmpeg names it ("FR", "LFE"), in a layout; AVERROR(EINVAL) for a text
+/// that names no channel of it, or several.
+int channelIndex(const char* name, std::uint64_t layout) noexcept;
+/// Sets the options for the layouts of input and output, channel counts included.
+void setResamplerLayouts(SwrContext* context, std::uint64_t in, std::uint64_t out) noexcept;
 
 /// What a decoder answered to one packet.
 enum class Decoded { frame, nothing, error };

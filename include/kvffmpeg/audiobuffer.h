@@ -38,6 +38,8 @@ public:
     AVSampleFormat sampleFormat() const noexcept { return sampleFormat_; }
     int numberOfChannels() const noexcept;                                       ///< Bits in the layout.
     std::uint64_t numberOfSamples() const noexcept { return numberOfSamples_; }  ///< Per channel.
+    /// `numberOfSamples()`, as far as every plane holds them: how many samples per channel may be read.
+    std::uint64_t readableSamples() const noexcept;
     /// The first byte of each plane, in plane order (null in a plane without bytes); empty without planes.
     /// Good until the planes are replaced or resized.
     std::vector<std::uint8_t*> getPointersToPlanes();
@@ -88,7 +90,6 @@ public:
 
 private:
     std::size_t planeCount() const noexcept;
-    std::uint64_t availableSamples() const noexcept;
 
     std::uint64_t channelLayout_ = 0;
     AVSampleFormat sampleFormat_ = AV_SAMPLE_FMT_NONE;

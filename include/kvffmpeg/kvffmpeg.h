@@ -3,10 +3,14 @@
 /// \file
 /// Everything that kvffmpeg offers. Each header can also be included alone.
 
+#include "kvffmpeg/audio_resampler.h"
 #include "kvffmpeg/audiobuffer.h"
+#include "kvffmpeg/color.h"
+#include "kvffmpeg/filtering.h"
 #include "kvffmpeg/format_context.h"
 #include "kvffmpeg/frame.h"
 #include "kvffmpeg/geometry.h"
+#include "kvffmpeg/logging.h"
 #include "kvffmpeg/memory.h"
 #include "kvffmpeg/packet.h"
 #include "kvffmpeg/picture.h"
