@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
 #include <climits>
 #include <cstddef>
@@ -58,7 +57,7 @@ int clampToInt(std::uint64_t value) noexcept {
 
 struct Resampler::State {
     Conversion conversion;  // of the context
-    std::array<int, mapEntries> map;
+    std::array<int, mapEntries> map{};
     // libswresample keeps a pointer to this and reads an entry for every input channel, so it is longer than
     // the map, and stays where it is while the context lives.
     std::array<int, mostChannels> handedMap{};
@@ -147,7 +146,7 @@ void Resampler::setChannelMapping(const std::string& map) {
     state_->context.reset();
     state_->map.fill(notMapped);
     std::vector<std::string> names;
-    boost::algorithm::split(names, map, boost::algorithm::is_any_of("|"));
+    boost::algorithm::split(names, map, [](char c) { return c == '|'; });
     if (names.size() > mapEntries) throw std::runtime_error("Too many channels in channel map");
     const std::uint64_t reference = compat::defaultChannelLayout(static_cast<int>(names.size()));
     std::transform(names.begin(), names.end(), state_->map.begin(), [reference](const std::string& name) {

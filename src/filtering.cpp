@@ -131,11 +131,9 @@ struct FFmpegFilterWrapper::State {
     }
 
     /// Pushes one frame and takes one, which stays blank when there is none.
-    FramePtr run(const AVFrame& input) {
+    FramePtr run(AVFrame& input) {
         if (!configured) fail("Picture filtering failed");
-        // The reference is kept: the frame is const to libavfilter, whose parameter is not.
-        if (av_buffersrc_add_frame_flags(source, const_cast<AVFrame*>(&input), AV_BUFFERSRC_FLAG_KEEP_REF) <
-            0) {
+        if (av_buffersrc_add_frame_flags(source, &input, AV_BUFFERSRC_FLAG_KEEP_REF) < 0) {
             fail("Picture filtering failed");
         }
         FramePtr output = makeFrame();

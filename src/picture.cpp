@@ -17,7 +17,7 @@ extern "C" {
 namespace kvffmpeg {
 namespace {
 
-constexpr std::ptrdiff_t paletteBytes = 256 * 4;
+constexpr std::ptrdiff_t paletteBytes = 1024;  // 256 entries of 4
 
 bool hasPalettePlane(const AVPixFmtDescriptor& format) noexcept {
     return (format.flags & (AV_PIX_FMT_FLAG_PAL | compat::pseudoPalFlag)) != 0;
