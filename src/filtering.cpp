@@ -131,7 +131,7 @@ struct FFmpegFilterWrapper::State {
     }
 
     /// Pushes one frame and takes one, which stays blank when there is none.
-    FramePtr run(AVFrame& input) {
+    FramePtr run(AVFrame& input) const {
         if (!configured) fail("Picture filtering failed");
         if (av_buffersrc_add_frame_flags(source, &input, AV_BUFFERSRC_FLAG_KEEP_REF) < 0) {
             fail("Picture filtering failed");
