@@ -16,6 +16,9 @@ if(KVFFMPEG_SANITIZE)
   target_link_options(kvffmpeg_flags INTERFACE -fsanitize=${KVFFMPEG_SANITIZE})
 endif()
 
+# Without this a compiler's own default would stand in, extensions included.
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)

@@ -9,8 +9,8 @@
 
 namespace kvffmpeg::test {
 
-/// Collects what the library logs, at every level, from construction to destruction; then restores the logger's
-/// defaults. One at a time.
+/// Collects what the library logs, at every level, from construction to destruction; then restores the
+/// logger's defaults. One at a time.
 class LogCapture {
 public:
     LogCapture();

@@ -27,14 +27,18 @@ std::vector<std::uint8_t> readFFmpeg(const std::string& arguments) {
     return output;
 }
 
-void runFFmpeg(const std::string& arguments) { readFFmpeg(arguments); }
+void runFFmpeg(const std::string& arguments) {
+    readFFmpeg(arguments);
+}
 
 std::string sampleMedia(const std::string& name) {
     const std::string folder = KVFFMPEG_SAMPLE_MEDIA;
     return folder.empty() ? folder : folder + "/" + name;
 }
 
-std::string exampleMedia(const std::string& name) { return std::string(KVFFMPEG_EXAMPLE_MEDIA) + "/" + name; }
+std::string exampleMedia(const std::string& name) {
+    return std::string(KVFFMPEG_EXAMPLE_MEDIA) + "/" + name;
+}
 
 std::vector<std::uint8_t> readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);

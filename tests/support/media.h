@@ -9,7 +9,8 @@
 
 namespace kvffmpeg::test {
 
-/// Runs `ffmpeg -v error -y -nostdin <arguments>` through the shell. @throws std::runtime_error when it fails.
+/// Runs `ffmpeg -v error -y -nostdin <arguments>` through the shell. @throws std::runtime_error when it
+/// fails.
 void runFFmpeg(const std::string& arguments);
 /// The same; returns what the command writes to its standard output.
 std::vector<std::uint8_t> readFFmpeg(const std::string& arguments);
@@ -33,8 +34,8 @@ std::vector<std::uint8_t> visibleBytes(const Picture& picture);
 }  // namespace kvffmpeg::test
 
 /// Skips the test, saying so, where no real media files are at hand.
-#define KVFFMPEG_REQUIRE_SAMPLE_MEDIA()                                                              \
-    if (kvffmpeg::test::sampleMedia("").empty()) {                                                   \
-        GTEST_SKIP() << "KVFFMPEG_SAMPLE_MEDIA is not set: no real media files to read";             \
-    }                                                                                                \
+#define KVFFMPEG_REQUIRE_SAMPLE_MEDIA()                                                  \
+    if (kvffmpeg::test::sampleMedia("").empty()) {                                       \
+        GTEST_SKIP() << "KVFFMPEG_SAMPLE_MEDIA is not set: no real media files to read"; \
+    }                                                                                    \
     static_assert(true, "")
