@@ -116,10 +116,9 @@ void AudioBuffer::loadAVFrame(const AVFrame* frame) {
     channelLayout_ = compat::channelLayout(*frame);
     planes_.reset();
     resize(static_cast<std::uint64_t>(frame->nb_samples));
-    if (!frame->data[0]) return;
     for (MemBuffer& plane : *planes_) {
-        const std::size_t copied = readableBytes(*frame, plane.size());
-        std::memcpy(plane.data(), frame->data[0], copied);
+        const std::size_t copied = frame->data[0] ? readableBytes(*frame, plane.size()) : 0;
+        if (copied > 0) std::memcpy(plane.data(), frame->data[0], copied);
         std::memset(plane.data() + copied, 0, plane.size() - copied);
     }
 }

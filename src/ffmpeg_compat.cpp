@@ -109,6 +109,8 @@ std::uint64_t defaultChannelLayout(int channels) noexcept {
                                                 AV_CH_LAYOUT_5POINT1_BACK,
                                                 AV_CH_LAYOUT_6POINT1,
                                                 AV_CH_LAYOUT_7POINT1};
+    constexpr std::uint64_t hexadecagonal = 0x18003f737;
+    if (channels == 16) return hexadecagonal;
     return channels >= 1 && channels <= 8 ? layouts[channels] : 0;
 }
 

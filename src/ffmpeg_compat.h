@@ -27,7 +27,8 @@ void registerAll() noexcept;
 /// 0 since FFmpeg 5, which has no such formats.
 extern const std::uint64_t pseudoPalFlag;
 
-/// Bytes of one audio or picture reference that FFmpeg is told of: it took an `int` before FFmpeg 5.
+/// A reference to memory that `release` gives back when the last copy of the reference goes. Null when FFmpeg
+/// has no memory for it, and before FFmpeg 5 for a size that no `int` holds.
 AVBufferRef* createBuffer(std::uint8_t* data, std::size_t size,
                           void (*release)(void* opaque, std::uint8_t* data), void* opaque) noexcept;
 
@@ -41,8 +42,8 @@ int copyPacketDeep(AVPacket& destination, const AVPacket& source) noexcept;
 
 // Channel layouts, as masks of AV_CH_... bits. 0 stands for layouts that are no mask.
 int channelsOfLayout(std::uint64_t layout) noexcept;
-/// The layout that FFmpeg 3 gives to so many channels, 0 where it has none. (Later releases know more of
-/// them.)
+/// The layout that FFmpeg 3 gives to so many channels (1 to 8, and 16), 0 for others. Later releases know
+/// more.
 std::uint64_t defaultChannelLayout(int channels) noexcept;
 /// FFmpeg's text for a layout, such as "stereo". @throws std::bad_alloc.
 std::string describeChannelLayout(std::uint64_t layout);

@@ -72,7 +72,7 @@ rect_t get_image_visible_area(rect_t placement, rect_size_t container) noexcept 
 }
 
 rect_t center_rect_in_container(rect_t rect, rect_t container) noexcept {
-    // Each half is below 2^30 in size, so the differences fit.
+    // Each half is at most 2^30 in size, so the differences fit.
     return {container.w / 2 - rect.w / 2, container.h / 2 - rect.h / 2, rect.w, rect.h};
 }
 

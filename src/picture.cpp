@@ -288,9 +288,11 @@ bool Picture::operator==(const Picture& other) const noexcept {
             const std::ptrdiff_t count =
                 std::min(readableSamples(width, component, rowBytes, end - row),
                          readableSamples(width, component, rowBytes, otherEnd - otherRow));
-            if (!equalSamples(row + component.offset, otherRow + component.offset, count, component.step)) {
-                return false;
-            }
+            // Offsets of -1 exist (big-endian rgb565 and its like): the first sample would lie before the
+            // row.
+            const std::ptrdiff_t first = component.offset < 0 ? 1 : 0;
+            const std::ptrdiff_t start = component.offset + first * component.step;
+            if (!equalSamples(row + start, otherRow + start, count - first, component.step)) return false;
             row += std::min<std::ptrdiff_t>(linesizes_[p], end - row);
             otherRow += std::min<std::ptrdiff_t>(other.linesizes_[p], otherEnd - otherRow);
         }

@@ -539,13 +539,16 @@ TEST(AudioBufferLoadFrameTest, FrameWithoutSamplesThrowsTheBufferSizeError) {
               "Could not get buffer size for audio layout 0, sample format -1, samples 0");
 }
 
-TEST(AudioBufferLoadFrameTest, FrameWithoutDataGivesPlanesOfTheRightSize) {
+TEST(AudioBufferLoadFrameTest, FrameWithoutDataGivesSilentPlanesOfTheRightSize) {
     const FramePtr frame = frameOf(buffer(AV_CH_LAYOUT_STEREO, AV_SAMPLE_FMT_FLTP, 4));
     frame->data[0] = nullptr;
     AudioBuffer loaded;
     loaded.loadAVFrame(frame.get());
     EXPECT_EQ(loaded.numberOfSamples(), 4u);
     EXPECT_EQ(planeSize(loaded, 1), 16u);
+    for (const std::uint8_t* plane : loaded.getPointersToPlanes()) {
+        EXPECT_EQ(bytes(plane, 16), std::vector<std::uint8_t>(16, 0));
+    }
 }
 
 TEST(AudioBufferLoadFrameTest, NoMoreIsReadThanTheFrameHolds) {

@@ -298,6 +298,14 @@ TEST_F(DecodingTest, ChannelsWithoutALayoutAreAWarningAndNoException) {
     EXPECT_THAT(log.messages(2), ElementsAre("Could not decode audio from " + path + ":0"));
 }
 
+TEST_F(DecodingTest, SixteenChannelsHaveADefaultLayout) {
+    FormatContext context(makeWave(16, 3000));
+    context.open();
+    const Frame frame = context.decodePacket(context.readPacket());
+    EXPECT_EQ(frame.audioBuffer().channelLayout(), 0x18003f737u);
+    EXPECT_EQ(frame.audioBuffer().numberOfChannels(), 16);
+}
+
 TEST_F(DecodingTest, PacketsWithoutPayloadNeverDrainTheDecoder) {
     const std::string video = make("a.mkv", std::string(testVideo) + "-c:v mpeg4");
     const std::string audio = makeWave(1, 3000);

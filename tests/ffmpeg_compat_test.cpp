@@ -3,7 +3,9 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
+#include <ostream>
 
 #include "ffmpeg_ptr.h"
 #include "support/media.h"
@@ -22,7 +24,8 @@ TEST(ChannelLayoutTest, DefaultsAreTheSameOnEveryRelease) {
         EXPECT_EQ(compat::defaultChannelLayout(channels), expected[channels]) << channels;
     }
     EXPECT_EQ(compat::defaultChannelLayout(-1), 0u);
-    EXPECT_EQ(compat::defaultChannelLayout(16), 0u);
+    EXPECT_EQ(compat::defaultChannelLayout(16), 0x18003f737u);
+    EXPECT_EQ(compat::defaultChannelLayout(17), 0u);
 }
 
 TEST(ChannelLayoutTest, ChannelsAreTheBitsOfTheMask) {
@@ -56,6 +59,61 @@ TEST(ChannelLayoutTest, ParametersWithoutAChannelCountStayAsTheyAre) {
     EXPECT_EQ(compat::channelLayout(*parameters), 0u);
     EXPECT_EQ(compat::channelCount(*parameters), 0);
     avcodec_parameters_free(&parameters);
+}
+
+struct ChannelName {
+    const char* name;
+    std::uint64_t mask;  // of the one channel that it names; 0: none
+};
+
+void PrintTo(const ChannelName& channel, std::ostream* out) {
+    *out << "\"" << channel.name << "\"";
+}
+
+class ChannelIndexTest : public testing::TestWithParam<ChannelName> {};
+
+TEST_P(ChannelIndexTest, IsThePlaceInTheReferenceOrInvalid) {
+    const ChannelName channel = GetParam();
+    for (const std::uint64_t reference :
+         {std::uint64_t{0}, std::uint64_t{AV_CH_LAYOUT_MONO}, std::uint64_t{AV_CH_LAYOUT_STEREO},
+          std::uint64_t{AV_CH_LAYOUT_2POINT1}, std::uint64_t{AV_CH_LAYOUT_4POINT0},
+          std::uint64_t{AV_CH_LAYOUT_5POINT1_BACK}, std::uint64_t{AV_CH_LAYOUT_7POINT1}, ~std::uint64_t{0}}) {
+        int expected = AVERROR(EINVAL);
+        if ((channel.mask & reference) != 0) {
+            expected = 0;
+            for (std::uint64_t below = 1; below != channel.mask; below <<= 1)
+                expected += (reference & below) != 0;
+        }
+        EXPECT_EQ(compat::channelIndex(channel.name, reference), expected) << std::hex << reference;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Names, ChannelIndexTest,
+    testing::Values(ChannelName{"FL", AV_CH_FRONT_LEFT}, ChannelName{"FR", AV_CH_FRONT_RIGHT},
+                    ChannelName{"FC", AV_CH_FRONT_CENTER}, ChannelName{"LFE", AV_CH_LOW_FREQUENCY},
+                    ChannelName{"BL", AV_CH_BACK_LEFT}, ChannelName{"BC", AV_CH_BACK_CENTER},
+                    ChannelName{"SR", AV_CH_SIDE_RIGHT}));
+INSTANTIATE_TEST_SUITE_P(LayoutsOfOneChannelAndNumbers, ChannelIndexTest,
+                         testing::Values(ChannelName{"mono", AV_CH_FRONT_CENTER},
+                                         ChannelName{"1c", AV_CH_FRONT_CENTER},
+                                         ChannelName{"0x1", AV_CH_FRONT_LEFT},
+                                         ChannelName{"1", AV_CH_FRONT_LEFT},
+                                         ChannelName{"4", AV_CH_FRONT_CENTER}));
+INSTANTIATE_TEST_SUITE_P(NotOneChannel, ChannelIndexTest,
+                         testing::Values(ChannelName{"stereo", 0}, ChannelName{"FL+FR", 0},
+                                         ChannelName{"3", 0}, ChannelName{"2c", 0}, ChannelName{"0", 0}));
+INSTANTIATE_TEST_SUITE_P(NoChannel, ChannelIndexTest,
+                         testing::Values(ChannelName{"", 0}, ChannelName{"fl", 0}, ChannelName{" FL", 0},
+                                         ChannelName{"\tFL", 0}, ChannelName{"XX", 0},
+                                         ChannelName{"FLL", 0}));
+
+TEST(ChannelPlaceTest, PlacesInStereoAndFivePointOne) {
+    EXPECT_EQ(compat::channelIndex("FL", AV_CH_LAYOUT_STEREO), 0);
+    EXPECT_EQ(compat::channelIndex("FR", AV_CH_LAYOUT_STEREO), 1);
+    EXPECT_EQ(compat::channelIndex("FC", AV_CH_LAYOUT_STEREO), AVERROR(EINVAL));
+    EXPECT_EQ(compat::channelIndex("BR", AV_CH_LAYOUT_5POINT1_BACK), 5);
+    EXPECT_EQ(compat::channelIndex("SR", AV_CH_LAYOUT_5POINT1_BACK), AVERROR(EINVAL));
 }
 
 TEST(BlankPacketTest, HasNoPayloadAndNoTimes) {

@@ -600,5 +600,33 @@ TEST(PictureEqualityTest, PicturesWithoutFormatAreComparedWithoutADescriptor) {
     EXPECT_EQ(a == b, !(a != b));
 }
 
+/// Formats in which a component's first byte lies before the row: what is compared is in the row all the
+/// same.
+constexpr AVPixelFormat bytesBeforeTheRow[] = {AV_PIX_FMT_RGB565BE, AV_PIX_FMT_RGB555BE, AV_PIX_FMT_RGB444BE,
+                                               AV_PIX_FMT_BGR565BE, AV_PIX_FMT_BGR555BE, AV_PIX_FMT_BGR444BE};
+
+TEST(PictureEqualityTest, NothingBeforeTheBufferIsRead) {
+    for (const AVPixelFormat format : bytesBeforeTheRow) {
+        // Under the address sanitizer a byte before the block is an error.
+        const Picture a = test::randomPicture({5, 3}, format);
+        Picture b = a;
+        b.makeEditable();
+        EXPECT_EQ(a, b);
+        b.getPlanes()[0][1] ^= 0xff;
+        EXPECT_NE(a, b);
+    }
+}
+
+TEST(PictureEqualityTest, BytesThatACropHidesDoNotCountInBigEndianFormats) {
+    for (const AVPixelFormat format : bytesBeforeTheRow) {
+        const Picture whole = test::randomPicture({8, 3}, format);
+        Picture other = whole;
+        other.makeEditable();
+        for (int y = 0; y < 3; ++y)
+            other.getPlanes()[0][y * other.getLinesize()[0] + 3] ^= 0xff;  // of column 1
+        EXPECT_EQ(whole.crop({2, 0, 4, 3}), other.crop({2, 0, 4, 3})) << format;
+    }
+}
+
 }  // namespace
 }  // namespace kvffmpeg

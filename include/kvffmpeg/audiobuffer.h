@@ -13,6 +13,7 @@
 #include "kvffmpeg/timestamp.h"
 
 extern "C" {
+#include <libavutil/channel_layout.h>
 #include <libavutil/frame.h>
 #include <libavutil/samplefmt.h>
 }

@@ -25,9 +25,9 @@ namespace kvffmpeg {
 /// exception.
 class KVFFMPEG_EXPORT Packet : public AVPacket {
 public:
-    Packet() noexcept;                     ///< Blank: no payload, no times, flags 0.
-    explicit Packet(const AVPacket& src);  ///< A deep copy.
-    Packet(const Packet& other);           ///< A deep copy.
+    Packet() noexcept;            ///< Blank: no payload, no times, flags 0.
+    Packet(const AVPacket& src);  ///< A deep copy.
+    Packet(const Packet& other);  ///< A deep copy.
     /// A deep copy. The reference to the payload held so far is *dropped without being released*: assigning
     /// to a packet that holds a payload leaks that payload. Assigning a packet to itself does nothing.
     Packet& operator=(const Packet& other);

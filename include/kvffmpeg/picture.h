@@ -49,12 +49,13 @@ public:
     rect_size_t size() const noexcept { return size_; }  ///< In pixels.
     AVPixelFormat pixelFormat() const noexcept { return pixelFormat_; }
     AVColorRange colorRange() const noexcept { return colorRange_; }
-    int alignment() const noexcept { return alignment_; }  ///< Of the linesizes, in bytes; 1 when empty.
+    int alignment() const noexcept { return alignment_; }  ///< Of the linesizes, in bytes; 1 by default.
     /// The storage, shared with copies, crops and exported frames; null when empty.
     const std::shared_ptr<MemBuffer>& buffer() const noexcept { return buffer_; }
 
-    /// Takes `buffer` for the pixels and lays the planes out in it. A null `buffer` makes the picture empty.
-    /// Not checked: that the buffer holds at least `getVideoBufferSize()` bytes.
+    /// Takes `buffer` for the pixels and lays the planes out in it. A null `buffer` makes the picture empty;
+    /// size, format and alignment stay. Not checked: that the buffer holds at least `getVideoBufferSize()`
+    /// bytes.
     void setData(std::shared_ptr<MemBuffer> buffer) noexcept;
     bool empty() const noexcept { return buffer_ == nullptr; }  ///< True without a buffer.
     /// True when nothing shares this picture's buffer: no other picture and no AVFrame.
@@ -87,7 +88,8 @@ public:
     /// while this picture lives. For formats with subsampled chroma the rectangle is rounded down: x and w by
     /// the *vertical* subsampling, y and h by the *horizontal* one. Plane 3, the alpha of YUVA formats, stays
     /// where it was. A view that would end beyond the buffer, which happens in formats that pack several
-    /// pixels into a step (yuyv422, monochrome), is empty. A picture without a known format is returned as it
+    /// pixels into a step (yuyv422, monochrome) and, at odd x, where 4:2:2 chroma takes two bytes (nv16,
+    /// yuv422p10), is empty. A picture without a known format is returned as it
     /// is.
     Picture crop(rect_t rect) const;
     /// Copies all of `source`, which has this picture's format, here; its top-left corner lands on `position`

@@ -61,9 +61,9 @@ public:
     double valueInSeconds() const noexcept;
 
     /// `t` in ticks of `target`, rounded to the nearest tick, halves away from zero; nil stays nil.
-    /// A target whose denominator is 0 gives 0; other targets with a field that is not positive, and
-    /// results that do not fit, give INT64_MIN. The value INT64_MIN counts as INT64_MIN + 1, also between
-    /// equal bases.
+    /// A target whose denominator is 0 and whose numerator is positive gives 0; other targets with a field
+    /// that is not positive, and results that do not fit, give INT64_MIN. The value INT64_MIN counts as
+    /// INT64_MIN + 1, also between equal bases.
     static Timestamp rescale(const Timestamp& t, Timebase target) noexcept;
     /// The same for this timestamp.
     Timestamp rescale(Timebase target) const noexcept { return rescale(*this, target); }
