@@ -25,6 +25,7 @@ namespace {
 constexpr std::size_t mapEntries = 8;
 constexpr std::size_t mostChannels = 64;  // bits of a layout
 constexpr int notMapped = -1;
+constexpr int filterSize = 32;
 
 using SwrPtr = std::unique_ptr<SwrContext, FreeWith<swr_free>>;
 
@@ -62,12 +63,14 @@ struct Resampler::State {
     // the map, and stays where it is while the context lives.
     std::array<int, mostChannels> handedMap{};
     SwrPtr context;
+    bool gaveSamples = false;  // since the context was made
 
     State() noexcept { map.fill(notMapped); }
 
     void makeContext(const Conversion& wanted) {
         context.reset(swr_alloc());
         conversion = wanted;
+        gaveSamples = false;
         SwrContext* swr = context.get();
         if (!swr) return;  // swr_convert refuses it
         compat::setResamplerLayouts(swr, wanted.inLayout, wanted.outLayout);
@@ -75,7 +78,7 @@ struct Resampler::State {
         av_opt_set_int(swr, "in_sample_rate", wanted.inRate, 0);
         av_opt_set_sample_fmt(swr, "out_sample_fmt", wanted.outFormat, 0);
         av_opt_set_int(swr, "out_sample_rate", wanted.outRate, 0);
-        av_opt_set_int(swr, "filter_size", 32, 0);
+        av_opt_set_int(swr, "filter_size", filterSize, 0);
         av_opt_set_int(swr, "phase_shift", 5, 0);
         av_opt_set_double(swr, "cutoff", 1.0, 0);
         if (std::any_of(map.begin(), map.end(), [](int entry) { return entry != notMapped; })) {
@@ -113,10 +116,13 @@ AudioBuffer Resampler::resample(const AudioBuffer& input, int outRate, std::uint
     result.resize(static_cast<std::uint64_t>(static_cast<int>(most)));
 
     std::vector<const std::uint8_t*> from = input.getPointersToPlanes();
-    if (from.empty()) from.push_back(nullptr);  // a null array would mean the end of the stream
+    // libswresample reads a pointer for every channel, and takes no array at all for the end of the stream;
+    // a buffer that was moved from has a layout and no planes.
+    from.resize(mostChannels);
     std::vector<std::uint8_t*> to = result.getPointersToPlanes();
     const int converted =
         swr_convert(swr, to.data(), clampToInt(result.numberOfSamples()), from.data(), clampToInt(samples));
+    if (converted > 0) state_->gaveSamples = true;
     result.resize(static_cast<std::uint64_t>(converted));
     return result;
 }
@@ -128,15 +134,26 @@ AudioBuffer Resampler::remap(const AudioBuffer& input) {
 AudioBuffer Resampler::flush() {
     // A context that was flushed does not go on without a seam, so it ends here, whatever happens.
     const SwrPtr swr = std::move(state_->context);
-    if (!swr) return AudioBuffer();
-    // No more than this comes out at the end of a stream: what is inside, and the reach of the filter beyond
-    // it.
-    constexpr std::int64_t filterReach = 256;
-    const std::int64_t most = swr_get_delay(swr.get(), state_->conversion.outRate) + filterReach;
-    AudioBuffer result = outputBuffer(state_->conversion);
+    if (!swr || !swr_is_initialized(swr.get())) return AudioBuffer();
+    const Conversion& conversion = state_->conversion;
+    const std::int64_t inside = swr_get_delay(swr.get(), conversion.outRate);
+    std::int64_t most = inside;
+    if (state_->gaveSamples) {
+        // How much the end of a stream may give beyond that.
+        constexpr std::int64_t filterReach = 256;
+        most = std::max<std::int64_t>(inside, 0) + filterReach;
+    } else if (inside > 0) {
+        // Until it had as many samples as its filter is long libswresample gives none, and at the end of a
+        // stream none or too few. Silence makes up for the missing ones.
+        const std::int64_t ratio = conversion.inRate / conversion.outRate + 1;
+        swr_inject_silence(swr.get(), clampToInt(static_cast<std::uint64_t>((filterSize + 1) * ratio)));
+    } else {
+        return AudioBuffer();
+    }
+    AudioBuffer result = outputBuffer(conversion);
     result.resize(static_cast<std::uint64_t>(most));
     std::vector<std::uint8_t*> to = result.getPointersToPlanes();
-    const int converted = swr_convert(swr.get(), to.data(), static_cast<int>(most), nullptr, 0);
+    const int converted = swr_convert(swr.get(), to.data(), clampToInt(result.numberOfSamples()), nullptr, 0);
     if (converted <= 0) return AudioBuffer();
     result.resize(static_cast<std::uint64_t>(converted));
     return result;
@@ -155,7 +172,12 @@ void Resampler::setChannelMapping(const std::string& map) {
 }
 
 void Resampler::setCompensation(int sampleDelta, int compensationDistance) noexcept {
-    if (state_->context) swr_set_compensation(state_->context.get(), sampleDelta, compensationDistance);
+    if (!state_->context) return;
+    // libswresample steps through the input by a share of 1 - delta / distance, unchecked: it would divide by
+    // a step of 0, or walk backwards, and with a step of more than 2 its numbers may overflow.
+    const bool possible = compensationDistance <= 0 ||
+                          (sampleDelta < compensationDistance && sampleDelta >= -compensationDistance);
+    if (possible) swr_set_compensation(state_->context.get(), sampleDelta, compensationDistance);
 }
 
 Timestamp Resampler::getDelay() const noexcept {

@@ -182,11 +182,14 @@ std::uint64_t channelLayout(const AVCodecParameters& parameters) noexcept {
 }
 
 int channelCount(const AVCodecParameters& parameters) noexcept {
+    int count = 0;
 #if KVFFMPEG_HAVE_CH_LAYOUT
-    return parameters.ch_layout.nb_channels;
-#else
-    return parameters.channels;
+    count = parameters.ch_layout.nb_channels;
 #endif
+#if KVFFMPEG_HAVE_CHANNEL_MASKS
+    if (count == 0) count = parameters.channels;
+#endif
+    return count;
 }
 
 void completeChannelLayout(AVCodecParameters& parameters) noexcept {

@@ -134,7 +134,8 @@ bool FormatContext::open(const std::string& format, bool findStreamInfo) {
     AVFormatContext* context = avformat_alloc_context();
     if (!context) throw std::bad_alloc();
     (void)formatContext_.release();  // by contract: what is open is not closed
-    const auto* inputFormat = format.empty() ? nullptr : av_find_input_format(format.c_str());
+    // FFmpeg 5 made the record const: `auto` goes with both.
+    auto* inputFormat = format.empty() ? nullptr : av_find_input_format(format.c_str());
     interrupted_.store(false);
     if (interruptCallbackEnabled_) {
         context->interrupt_callback.callback = interrupt_cb;

@@ -51,7 +51,7 @@ private:
 };
 
 AVCodecID codecForPath(const std::string& path) {
-    const auto* format = av_guess_format(nullptr, path.c_str(), nullptr);
+    auto* format = av_guess_format(nullptr, path.c_str(), nullptr);
     if (!format) throw std::runtime_error(formatText("Could not find format for %s", path));
     return av_guess_codec(format, nullptr, path.c_str(), nullptr, AVMEDIA_TYPE_VIDEO);
 }

@@ -24,7 +24,8 @@ class LivingContexts;
 /// decodes them.
 ///
 /// URLs are trusted input: libavformat opens whatever protocol they name. Pointers that `trackAtIndex`,
-/// `getAVFormatContext` and `getCodecContext` hand out are borrowed and good until `close`.
+/// `getAVFormatContext` and `getCodecContext` hand out are borrowed and good until `close`, decoders also
+/// until `moveDecodersFromContext` replaces them.
 ///
 /// One thread at a time may use an object, except that any thread may call `interrupt()`. Movable, not
 /// copyable. Informational lines, and what cannot be decoded, go to `logger`.
@@ -109,7 +110,8 @@ public:
     /// delivered.
     /// @returns an empty frame when nothing came out: the decoder needs more packets, or the packet does not
     /// decode or is neither audio nor video, which is logged. Content never makes it throw.
-    /// @throws std::bad_alloc when memory runs out.
+    /// @throws std::bad_alloc when there is no memory for a frame; want of memory for its pixels or samples
+    /// counts as a packet that does not decode.
     Frame decodePacket(const std::shared_ptr<Packet>& packet);
 
     /// Takes over the decoders of `other`, an open input, for every track whose codec parameters (all but the
