@@ -134,7 +134,7 @@ AudioBuffer Resampler::remap(const AudioBuffer& input) {
 AudioBuffer Resampler::flush() {
     // A context that was flushed does not go on without a seam, so it ends here, whatever happens.
     const SwrPtr swr = std::move(state_->context);
-    if (!swr || !swr_is_initialized(swr.get())) return AudioBuffer();
+    if (!swr) return AudioBuffer();
     const Conversion& conversion = state_->conversion;
     const std::int64_t inside = swr_get_delay(swr.get(), conversion.outRate);
     std::int64_t most = inside;

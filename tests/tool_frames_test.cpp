@@ -178,6 +178,129 @@ TEST_F(ToolFramesTest, ScalesPictureWithPalette) {
     EXPECT_EQ(loadPicture(file("out1.png")).size(), (rect_size_t{16, 4}));
 }
 
+// Filters.
+
+TEST_F(ToolFramesTest, FiltersEveryPicture) {
+    const std::string folder = makeFolder("pictures");
+    const Result result = run({"frames", makeClip("clip.mkv"), "-o", folder + "/%02d.png", "--filter",
+                               "[in]pad=74:48:0:0:white[out]"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.out, "20 pictures: " + folder + "/01.png to " + folder + "/20.png\n");
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(numbersOfPictures(folder), sequence(0, 19));
+    const Picture last = loadPicture(folder + "/20.png");
+    EXPECT_EQ(last.size(), (rect_size_t{74, 48}));
+    EXPECT_EQ(last.getPlanes()[0][3 * 73], 255);
+}
+
+TEST_F(ToolFramesTest, FiltersBeforeScaling) {
+    const Result result = run({"frames", makeClip("clip.mkv"), "-o", file("%d.png"), "--count", "1",
+                               "--filter", "crop=16:48", "--size", "32x-1"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(loadPicture(file("1.png")).size(), (rect_size_t{32, 96}));
+}
+
+TEST_F(ToolFramesTest, TakesTheFormatThatFiltersMake) {
+    const std::string clip = makeClip("clip.mkv");
+    ASSERT_EQ(run({"frames", clip, "-o", file("%d.png"), "--count", "1", "--filter", "format=gray"}).exitCode,
+              0);
+    EXPECT_EQ(loadPicture(file("1.png")).pixelFormat(), AV_PIX_FMT_GRAY8);
+}
+
+TEST_F(ToolFramesTest, EmptyFilterChangesNothing) {
+    const std::string folder = makeFolder("pictures");
+    const Result result = run({"frames", makeClip("clip.mkv"), "-o", folder + "/%02d.png", "--filter", ""});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(numbersOfPictures(folder), sequence(0, 19));
+}
+
+TEST_F(ToolFramesTest, PicturesThatFiltersLeaveOutAreNotSaved) {
+    const std::string clip = makeClip("clip.mkv");
+    const std::string even = "select=not(mod(n\\,2))";
+    {
+        const std::string folder = makeFolder("all");
+        const Result result = run({"frames", clip, "-o", folder + "/%02d.png", "--filter", even});
+        EXPECT_EQ(result.exitCode, 0);
+        EXPECT_EQ(result.err, "");
+        EXPECT_THAT(numbersOfPictures(folder), ElementsAre(0, 2, 4, 6, 8, 10, 12, 14, 16, 18));
+    }
+    {
+        const std::string folder = makeFolder("counted");
+        const Result result =
+            run({"frames", clip, "-o", folder + "/%02d.png", "--filter", even, "--count", "3"});
+        EXPECT_EQ(result.exitCode, 0);
+        EXPECT_THAT(numbersOfPictures(folder), ElementsAre(0, 2, 4));
+    }
+}
+
+TEST_F(ToolFramesTest, FilterThatKeepsAPictureBackGivesTheOthers) {
+    const std::string folder = makeFolder("pictures");
+    // The lighter one of each picture and the one before it; the first has none before it.
+    const Result result = run(
+        {"frames", makeClip("clip.mkv"), "-o", folder + "/%02d.png", "--filter", "tblend=all_mode=lighten"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(numbersOfPictures(folder), sequence(1, 19));
+}
+
+TEST_F(ToolFramesTest, FilterThatGivesNothingIsAFailure) {
+    const std::string clip = makeClip("clip.mkv");
+    expectRefusal(run({"frames", clip, "-o", file("%d.png"), "--filter", "reverse"}), 1,
+                  clip + ": No picture came out of --filter \"reverse\"");
+    EXPECT_FALSE(std::filesystem::exists(file("1.png")));
+    // Here nothing went in.
+    expectRefusal(run({"frames", clip, "-o", file("%d.png"), "--filter", "hflip", "--start", "1:00"}), 1,
+                  clip + ": No picture was written");
+}
+
+TEST_F(ToolFramesTest, StartIsTheInputsTimeWhateverFiltersDoToIt) {
+    const std::string clip = makeClip("clip.mkv");
+    const std::vector<std::pair<std::string, std::vector<int>>> cases = {
+        {"setpts=PTS/100", sequence(7, 19)},
+        // It sees nothing of what is before the start.
+        {"select=not(mod(n\\,2))", {7, 9, 11, 13, 15, 17, 19}}};
+    for (const auto& [filter, numbers] : cases) {
+        SCOPED_TRACE(filter);
+        const std::string folder = makeFolder(numbers.size() == 7 ? "some" : "all");
+        const Result result =
+            run({"frames", clip, "-o", folder + "/%02d.png", "--start", "0.7", "--filter", filter});
+        EXPECT_EQ(result.exitCode, 0);
+        EXPECT_EQ(numbersOfPictures(folder), numbers);
+    }
+}
+
+TEST_F(ToolFramesTest, FiltersCanBeGivenSecondsAsHelpSays) {
+    const std::string seconds = "settb=1/1000000,setpts=PTS/1000000";
+    EXPECT_THAT(run({"frames", "--help"}).out, HasSubstr(seconds));
+    const std::string folder = makeFolder("pictures");
+    const Result result = run({"frames", makeClip("clip.mkv"), "-o", folder + "/%02d.png", "--filter",
+                               seconds + ",select=gte(t\\,1.45)"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(numbersOfPictures(folder), sequence(15, 19));
+}
+
+TEST_F(ToolFramesTest, FilterThatCannotBeBuiltIsAFailure) {
+    const std::string clip = makeClip("clip.mkv");
+    const std::string parsing = "Cannot parse filter spec";
+    const std::vector<std::pair<std::string, std::string>> filters = {
+        {"nosuch", parsing},
+        {"hflip,", parsing},
+        {"crop=nosuch=1", parsing},
+        {"crop=1000:1000", "Cannot configure filter"}};
+    for (const auto& [filter, reason] : filters) {
+        SCOPED_TRACE(filter);
+        expectRefusal(run({"frames", clip, "-o", file("%d.png"), "--filter", filter}), 1,
+                      "--filter \"" + filter + "\": " + reason);
+        EXPECT_FALSE(std::filesystem::exists(file("1.png")));
+    }
+}
+
+TEST_F(ToolFramesTest, ControlCharactersOfFiltersDoNotReachTheTerminal) {
+    expectRefusal(
+        run({"frames", makeClip("clip.mkv"), "-o", file("%d.png"), "--filter", "no\x1b[31m\nsuch\xff"}), 1,
+        "--filter \"no\xEF\xBF\xBD[31m such\xEF\xBF\xBD\": Cannot parse filter spec");
+}
+
 TEST_F(ToolFramesTest, TakesTheFormatFromTheEnding) {
     const std::string clip = makeClip("clip.mkv");
     ASSERT_EQ(run({"frames", clip, "-o", file("%d.jpg"), "--count", "2"}).exitCode, 0);

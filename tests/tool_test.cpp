@@ -46,12 +46,13 @@ TEST_F(ToolTest, VersionNamesToolAndLibraries) {
 TEST_F(ToolTest, HelpNamesTheCommands) {
     const Result result = run({"--help"});
     EXPECT_EQ(result.exitCode, 0);
-    EXPECT_THAT(result.out, AllOf(HasSubstr("probe"), HasSubstr("frames")));
+    EXPECT_THAT(result.out,
+                AllOf(HasSubstr("probe"), HasSubstr("frames"), HasSubstr("waveform"), HasSubstr("--quiet")));
     EXPECT_EQ(result.err, "");
 }
 
 TEST_F(ToolTest, EachCommandHasHelpWithExamples) {
-    for (const std::string command : {"probe", "frames"}) {
+    for (const std::string command : {"probe", "frames", "waveform"}) {
         const Result result = run({command, "--help"});
         EXPECT_EQ(result.exitCode, 0);
         EXPECT_THAT(result.out, HasSubstr("Examples:\n  kvffmpeg " + command));
@@ -74,6 +75,8 @@ TEST_F(ToolTest, MistakesInTheCommandLineGiveTwoAndOneLine) {
         {"probe", "--format", "nosuch", clip},
         {"probe", "--format", "nosuch", file("missing")},
         {"frames", clip},
+        {"waveform", clip},
+        {"waveform", "-o", file("wave.png")},
     };
     for (const Arguments& arguments : mistakes) {
         SCOPED_TRACE(testing::PrintToString(arguments));
@@ -279,13 +282,84 @@ TEST_F(ToolTest, FormatReplacesProbing) {
     EXPECT_EQ(json::parse(result.out).at("format"), "s16le");
 }
 
-TEST_F(ToolTest, VerboseLogsToStandardError) {
+// Verbosity.
+
+TEST_F(ToolTest, VeryVerboseTellsWhatTheLibraryDoes) {
     const std::string sound = makeSound("sound.wav");
     for (const Arguments& arguments :
-         {Arguments{"-v", "probe", sound}, Arguments{"probe", sound, "--verbose"}}) {
+         {Arguments{"-vv", "probe", sound}, Arguments{"probe", sound, "-vv"},
+          Arguments{"-v", "probe", sound, "--verbose"}, Arguments{"-vvv", "probe", sound}}) {
+        SCOPED_TRACE(testing::PrintToString(arguments));
         const Result result = run(arguments);
         EXPECT_EQ(result.exitCode, 0);
-        EXPECT_THAT(result.err, HasSubstr(sound + " opened, time origin 0\n"));
+        EXPECT_THAT(linesOf(result.err), testing::Contains("kvffmpeg: " + sound + " opened, time origin 0"));
+    }
+}
+
+TEST_F(ToolTest, VerboseTellsWhyFFmpegFailed) {
+    const std::string clip = makeClip("clip.mkv");
+    const std::string failure = "kvffmpeg: --filter \"nosuch\": Cannot parse filter spec";
+    const Arguments command{"frames", clip, "-o", file("%d.png"), "--filter", "nosuch"};
+    EXPECT_THAT(linesOf(run(command).err), ElementsAre(failure));
+    Arguments before = command;
+    before.insert(before.begin(), "-v");
+    Arguments behind = command;
+    behind.emplace_back("--verbose");
+    for (const Arguments& arguments : {before, behind}) {
+        const Result result = run(arguments);
+        EXPECT_EQ(result.exitCode, 1);
+        EXPECT_EQ(result.out, "");
+        EXPECT_THAT(result.err, AllOf(HasSubstr("FFmpeg: error: No such filter: 'nosuch'\n"),
+                                      EndsWith("\n" + failure + "\n")));
+    }
+}
+
+TEST_F(ToolTest, VerboseLeavesTheDetailsOut) {
+    const std::string sound = makeSound("sound.wav");
+    EXPECT_THAT(run({"-v", "probe", sound}).err, testing::Not(HasSubstr("opened, time origin")));
+}
+
+TEST_F(ToolTest, PiecesOfFFmpegsLinesAreJoined) {
+    // The filter logs a line for each picture, in pieces.
+    const Result result = run(
+        {"-v", "frames", makeClip("clip.mkv"), "-o", file("%d.png"), "--count", "3", "--filter", "showinfo"});
+    EXPECT_EQ(result.exitCode, 0);
+    std::vector<std::string> pictures;
+    for (const std::string& line : linesOf(result.err)) {
+        EXPECT_THAT(line, AllOf(StartsWith("FFmpeg: "), testing::Not("FFmpeg: ")));
+        if (line.find(" pts:") != std::string::npos) pictures.push_back(line);
+    }
+    const auto line = [](const std::string& number) {
+        return AllOf(HasSubstr("n:   " + number + " "), HasSubstr("plane_checksum:["), HasSubstr("] mean:["));
+    };
+    EXPECT_THAT(pictures, ElementsAre(line("0"), line("1"), line("2")));
+}
+
+TEST_F(ToolTest, QuietLeavesWarningsOut) {
+    // The first packet of its sound holds nothing to decode.
+    const Arguments loud{"waveform", test::exampleMedia("clip.mp4"), "-o", file("wave.png")};
+    EXPECT_THAT(run(loud).err, StartsWith("kvffmpeg: warning: Could not decode audio from "));
+    for (const bool before : {true, false}) {
+        Arguments arguments = loud;
+        arguments.insert(before ? arguments.begin() : arguments.end(), "--quiet");
+        const Result result = run(arguments);
+        EXPECT_EQ(result.exitCode, 0);
+        EXPECT_THAT(result.out, StartsWith(file("wave.png") + ": "));
+        EXPECT_EQ(result.err, "");
+    }
+}
+
+TEST_F(ToolTest, QuietTellsErrors) {
+    expectRefusal(run({"--quiet", "probe", file("missing")}), 1, file("missing") + ": can't open input file");
+    expectRefusal(run({"--quiet", "frames", makeClip("clip.mkv"), "-o", "%s.png"}), 2,
+                  "--output \"%s.png\": only %d, %5d, %05d and %% can follow a percent sign");
+}
+
+TEST_F(ToolTest, QuietAndVerboseExcludeEachOther) {
+    const std::string sound = makeSound("sound.wav");
+    for (const Arguments& arguments :
+         {Arguments{"--quiet", "probe", sound, "-v"}, Arguments{"probe", sound, "-vv", "--quiet"}}) {
+        expectRefusal(run(arguments), 2, "--quiet and --verbose exclude each other");
     }
 }
 
@@ -303,6 +377,20 @@ TEST_F(ToolTest, ProgressIsShownOnATerminal) {
     ASSERT_GT(read(terminal.get(), text, sizeof text - 1), 0);
     // Drawn, and taken away at the end.
     EXPECT_THAT(std::string(text), AllOf(StartsWith("\r1 packet"), EndsWith("\r\033[K")));
+}
+
+TEST_F(ToolTest, QuietShowsNoProgress) {
+    const Descriptor terminal(posix_openpt(O_RDWR | O_NOCTTY));
+    ASSERT_EQ(grantpt(terminal.get()), 0);
+    ASSERT_EQ(unlockpt(terminal.get()), 0);
+    const Descriptor line(open(ptsname(terminal.get()), O_RDWR | O_NOCTTY | O_NONBLOCK));
+    const Result result =
+        ToolProcess({"--quiet", "probe", "--packets", makeSound("sound.wav")}, {{line.get(), STDERR_FILENO}})
+            .wait();
+    EXPECT_EQ(result.exitCode, 0);
+    ASSERT_EQ(fcntl(terminal.get(), F_SETFL, O_NONBLOCK), 0);
+    char text[4096] = {};
+    EXPECT_LE(read(terminal.get(), text, sizeof text - 1), 0) << text;
 }
 
 // Signals.

@@ -68,6 +68,12 @@ int side(std::string_view text) {
     return value >= 1 && value <= longestSide ? static_cast<int>(value) : 0;
 }
 
+/// The sides that are no sides are 0.
+rect_size_t sidesOf(const std::string& text) {
+    const std::vector<std::string_view> sides = split(text, 'x');
+    return sides.size() == 2 ? rect_size_t{side(sides[0]), side(sides[1])} : rect_size_t{0, 0};
+}
+
 }  // namespace
 
 Timestamp parseTime(const std::string& text) {
@@ -82,9 +88,7 @@ Timestamp parseTime(const std::string& text) {
 }
 
 rect_size_t parseSize(const std::string& text) {
-    const std::vector<std::string_view> sides = split(text, 'x');
-    const rect_size_t size =
-        sides.size() == 2 ? rect_size_t{side(sides[0]), side(sides[1])} : rect_size_t{0, 0};
+    const rect_size_t size = sidesOf(text);
     if (size.w == 0 || size.h == 0 || (size.w < 0 && size.h < 0)) {
         refuse("--size", text,
                "expected WxH, Wx-1 or -1xH with sides from 1 to " + std::to_string(longestSide));
@@ -92,10 +96,20 @@ rect_size_t parseSize(const std::string& text) {
     return size;
 }
 
-unsigned int parseNumber(const std::string& option, const std::string& text, unsigned int least) {
+rect_size_t parseExactSize(const std::string& text) {
+    const rect_size_t size = sidesOf(text);
+    if (size.w <= 0 || size.h <= 0) {
+        refuse("--size", text, "expected WxH with sides from 1 to " + std::to_string(longestSide));
+    }
+    return size;
+}
+
+unsigned int parseNumber(const std::string& option, const std::string& text, unsigned int least,
+                         unsigned int most) {
     const std::int64_t value = number(text);
-    if (value < std::int64_t{least}) {
-        refuse(option, text, "expected a number from " + std::to_string(least) + " to 999999999");
+    if (value < std::int64_t{least} || value > std::int64_t{most}) {
+        refuse(option, text,
+               "expected a number from " + std::to_string(least) + " to " + std::to_string(most));
     }
     return static_cast<unsigned int>(value);
 }

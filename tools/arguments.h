@@ -18,8 +18,12 @@ Timestamp parseTime(const std::string& text);
 /// @throws UsageError for anything else.
 rect_size_t parseSize(const std::string& text);
 
-/// A whole number from `least` to 999999999, the value of `option`.
+/// "1280x240", both sides given. @throws UsageError for anything else.
+rect_size_t parseExactSize(const std::string& text);
+
+/// A whole number from `least` to `most`, which is 999999999 at most: the value of `option`.
 /// @throws UsageError for anything else.
-unsigned int parseNumber(const std::string& option, const std::string& text, unsigned int least);
+unsigned int parseNumber(const std::string& option, const std::string& text, unsigned int least,
+                         unsigned int most = 999999999);
 
 }  // namespace kvffmpeg::tool

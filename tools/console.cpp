@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <iomanip>
 #include <iostream>
+#include <mutex>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -16,7 +17,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::optional<Clock::time_point> progressShownAt;
+std::optional<Clock::time_point> progressShownAt;  // this and the next only the main thread touches
+bool progressIsHidden = false;
+std::mutex terminal;  // guards `progressIsVisible`, and keeps what is written in whole lines
 bool progressIsVisible = false;
 
 bool isTrailByte(char c) {
@@ -67,6 +70,12 @@ bool isControl(std::string_view character) {
     return first == 0xc2 && static_cast<unsigned char>(character[1]) < 0xa0;
 }
 
+/// With `terminal` locked.
+void eraseProgress() {
+    if (progressIsVisible) std::cerr << "\r\033[K" << std::flush;
+    progressIsVisible = false;
+}
+
 }  // namespace
 
 std::string printable(std::string_view text) {
@@ -99,25 +108,32 @@ std::string clockText(Timestamp time) {
 }
 
 void report(const std::string& text) {
-    clearProgress();
+    const std::lock_guard<std::mutex> lock(terminal);
+    eraseProgress();
     std::cerr << printable(text) + "\n" << std::flush;
+}
+
+void hideProgress() {
+    progressIsHidden = true;
 }
 
 bool progressIsDue() {
     static const bool isTerminal = isatty(STDERR_FILENO) != 0;
     constexpr std::chrono::milliseconds interval(100);
-    return isTerminal && (!progressShownAt || Clock::now() - *progressShownAt >= interval);
+    return isTerminal && !progressIsHidden &&
+           (!progressShownAt || Clock::now() - *progressShownAt >= interval);
 }
 
 void showProgress(const std::string& text) {
+    const std::lock_guard<std::mutex> lock(terminal);
     std::cerr << "\r" + printable(text) + "\033[K" << std::flush;
     progressShownAt = Clock::now();
     progressIsVisible = true;
 }
 
 void clearProgress() {
-    if (progressIsVisible) std::cerr << "\r\033[K" << std::flush;
-    progressIsVisible = false;
+    const std::lock_guard<std::mutex> lock(terminal);
+    eraseProgress();
 }
 
 void occupyStandardStreams() {

@@ -14,9 +14,11 @@ std::string printable(std::string_view text);
 /// "01:02:03.500", rounded to milliseconds.
 std::string clockText(Timestamp time);
 
-/// Writes one line to stderr, in place of the progress line. `text` is made printable.
+/// Writes one line to stderr, in place of the progress line. `text` is made printable. From any thread.
 void report(const std::string& text);
 
+/// From here on there is no progress line.
+void hideProgress();
 /// True when stderr is a terminal and its progress line is due for renewal. Ask before making its text.
 bool progressIsDue();
 /// Replaces the progress line on the terminal.

@@ -1,10 +1,9 @@
 #include "frames.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <iostream>
 #include <stdexcept>
-#include <system_error>
+#include <utility>
 
 #include "arguments.h"
 #include "console.h"
@@ -12,6 +11,9 @@
 #include "file_pattern.h"
 #include "kvffmpeg/scaler.h"
 #include "kvffmpeg/utils.h"
+#include "picture_file.h"
+#include "picture_filter.h"
+#include "tracks.h"
 
 extern "C" {
 #include <libavutil/mathematics.h>
@@ -42,42 +44,6 @@ Picture scaled(Scaler& scaler, const Picture& picture, rect_size_t wanted) {
     return result;
 }
 
-bool isVideo(const AVStream* track) {
-    return track && track->codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
-}
-
-bool isAttachedPicture(const AVStream& track) {
-    return (track.disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
-}
-
-/// The first video track, covers of audio files last.
-unsigned int defaultTrack(const Input& input) {
-    std::optional<unsigned int> cover;
-    for (unsigned int i = 0; i < input.context().tracksNumber(); ++i) {
-        const AVStream* track = input.context().trackAtIndex(i);
-        if (!isVideo(track)) continue;
-        if (!isAttachedPicture(*track)) return i;
-        if (!cover) cover = i;
-    }
-    if (!cover) throw std::runtime_error(input.name() + ": There is no video in it");
-    return *cover;
-}
-
-unsigned int chooseTrack(const Input& input, const std::optional<unsigned int>& wanted) {
-    if (!wanted) return defaultTrack(input);
-    if (!isVideo(input.context().trackAtIndex(*wanted))) {
-        throw UsageError("--track " + std::to_string(*wanted) + ": There is no such video track in " +
-                         input.name());
-    }
-    return *wanted;
-}
-
-void discardOthers(FormatContext& context, unsigned int track) {
-    for (unsigned int i = 0; i < context.tracksNumber(); ++i) {
-        if (i != track) context.discardTrackAtIndex(i, AVDISCARD_ALL);
-    }
-}
-
 /// The longest that a picture can be shown after it was decoded. Containers are searched by decoding time.
 Timestamp reorderingDelay(const AVStream& track) {
     constexpr int mostReordered = 16;  // pictures; the limit of H.264 and HEVC
@@ -97,18 +63,6 @@ void seekBefore(Input& input, unsigned int track, Timestamp target) {
     discardOthers(input.context(), track);
 }
 
-/// Only formats whose files are what the encoder makes, with no container around it.
-void requirePictureFormat(const std::string& path) {
-    const auto* format = av_guess_format(nullptr, path.c_str(), nullptr);
-    const bool isPicture =
-        format && format->name == std::string("image2") &&
-        avcodec_find_encoder(av_guess_codec(format, nullptr, path.c_str(), nullptr, AVMEDIA_TYPE_VIDEO));
-    if (!isPicture) {
-        throw UsageError("--output: " + path +
-                         " would not be a picture that can be written, such as .png or .jpg");
-    }
-}
-
 /// Saves pictures under numbered names.
 class PictureFiles {
 public:
@@ -117,10 +71,7 @@ public:
 
     void save(const Picture& picture) {
         const std::string path = pattern_.name(written_ + 1);
-        std::error_code notThere;
-        if (std::filesystem::equivalent(path, inputName_, notThere)) {
-            throw std::runtime_error(path + " is the input, and was not overwritten");
-        }
+        refuseToOverwrite(path, inputName_);
         savePicture(picture, path);
         ++written_;
     }
@@ -158,29 +109,26 @@ void showPosition(const Input& input, const Frame& frame, std::uint64_t written)
                  (hasTime ? ", " + clockText(frame.PTS() - input.start()) : ""));
 }
 
-/// The next picture of the track; an empty frame at the end.
-Frame nextPicture(Input& input, unsigned int track) {
-    while (const std::shared_ptr<Packet> packet = input.readPacket()) {
-        // Not every demuxer heeds the request to discard the others.
-        if (packet->streamIndex() != track) continue;
-        Frame frame = input.context().decodePacket(packet);
-        if (!frame.picture().empty()) return frame;
-    }
-    return Frame();
-}
-
-void saveAll(Input& input, unsigned int track, const FramesOptions& options, Scaler& scaler,
+/// Returns whether there was any picture for the filter.
+bool saveAll(Input& input, unsigned int track, const FramesOptions& options, Scaler& scaler,
              PictureFiles& files) {
     const Timestamp start = options.start.is_nil() ? Timestamp() : input.start() + options.start;
+    PictureFilter filter(options.filter);
+    bool hasPicture = false;
     while (files.written() < options.count) {
-        const Frame frame = nextPicture(input, track);
+        const Frame frame = nextFrame(input, track);
         if (frame.empty()) break;
+        // Times are the input's: what filters give back is in whatever units they leave.
         showPosition(input, frame, files.written());
         // An unknown time is the smallest of all.
         if (!start.is_nil() && frame.PTS() < start) continue;
-        files.save(options.size ? scaled(scaler, frame.picture(), *options.size) : frame.picture());
+        hasPicture = true;
+        const Picture picture = filter.filter(frame);
+        if (picture.empty()) continue;
+        files.save(options.size ? scaled(scaler, picture, *options.size) : picture);
     }
     clearProgress();
+    return hasPicture;
 }
 
 }  // namespace
@@ -191,18 +139,24 @@ void saveFrames(const FramesOptions& options) {
     PictureFiles files(options.output, options.input.url);
     Input input(options.input);
     requirePictureFormat(files.nextName());
-    const unsigned int track = chooseTrack(input, options.track);
+    const unsigned int track = chooseTrack(input, AVMEDIA_TYPE_VIDEO, options.track);
     discardOthers(input.context(), track);
     if (options.start > Timestamp(0)) seekBefore(input, track, input.start() + options.start);
+    bool hasPicture = false;
     try {
-        saveAll(input, track, options, scaler, files);
+        hasPicture = saveAll(input, track, options, scaler, files);
     } catch (...) {
         clearProgress();
         files.writeSummary(std::cout);  // what was written so far stays
         std::cout.flush();
         throw;
     }
-    if (files.written() == 0) throw std::runtime_error(input.name() + ": No picture was written");
+    if (files.written() == 0) {
+        const bool heldBack = hasPicture && !options.filter.empty();
+        throw std::runtime_error(input.name() +
+                                 (heldBack ? ": No picture came out of --filter \"" + options.filter + "\""
+                                           : ": No picture was written"));
+    }
     files.writeSummary(std::cout);
     flushOutput();
 }

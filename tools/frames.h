@@ -16,6 +16,7 @@ struct FramesOptions {
     std::string output;  ///< See `FilePattern`.
     Timestamp start;     ///< Behind the start of the input, in microseconds. Nil: from the first picture on.
     std::uint64_t count = std::numeric_limits<std::uint64_t>::max();
+    std::string filter;               ///< A filter graph for the pictures, before they are scaled.
     std::optional<rect_size_t> size;  ///< A side of -1 follows from the other one.
     std::string algorithm = "lanczos";
     std::optional<unsigned int> track;

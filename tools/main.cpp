@@ -1,4 +1,5 @@
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <exception>
 #include <iostream>
 #include <new>
@@ -9,12 +10,9 @@
 #include "errors.h"
 #include "frames.h"
 #include "interruption.h"
-#include "logger/logger.h"
+#include "log.h"
 #include "probe.h"
-
-extern "C" {
-#include <libavutil/log.h>
-}
+#include "waveform.h"
 
 namespace kvffmpeg::tool {
 namespace {
@@ -23,9 +21,11 @@ constexpr int exitFailure = 1;
 constexpr int exitUsage = 2;
 
 struct Options {
-    bool verbose = false;
+    bool quiet = false;
+    std::int64_t timesVerbose = 0;
     ProbeOptions probe;
     FramesOptions frames;
+    WaveformOptions waveform;
 };
 
 std::string libraryVersion(unsigned version) {
@@ -38,20 +38,34 @@ std::string versionText() {
            ", libavcodec " + libraryVersion(avcodec_version());
 }
 
-void addVerbose(CLI::App& command, bool& verbose) {
-    command.add_flag("-v,--verbose", verbose, "Log what the library and FFmpeg do");
+/// Before the command and behind it; both count.
+void addVerbosity(CLI::App& command, Options& options) {
+    command.add_flag_function(
+        "-v,--verbose", [&options](std::int64_t times) { options.timesVerbose += times; },
+        "Tell on standard error what FFmpeg logs; -vv tells all that FFmpeg\nand the library do");
+    command.add_flag_function(
+        "--quiet", [&options](std::int64_t /*times*/) { options.quiet = true; },
+        "Tell nothing on standard error but why the command failed");
 }
 
-void addInput(CLI::App& command, InputOptions& input, bool& verbose) {
+Verbosity verbosityOf(const Options& options) {
+    if (options.quiet && options.timesVerbose > 0)
+        throw UsageError("--quiet and --verbose exclude each other");
+    if (options.quiet) return Verbosity::quiet;
+    if (options.timesVerbose == 0) return Verbosity::normal;
+    return options.timesVerbose == 1 ? Verbosity::verbose : Verbosity::debug;
+}
+
+void addInput(CLI::App& command, InputOptions& input, Options& options) {
     command.add_option("INPUT", input.url, "File, URL, or - for standard input")->required();
     command.add_option("--format", input.format, "Input format, such as mpegts, instead of probing")
         ->type_name("NAME");
-    addVerbose(command, verbose);
+    addVerbosity(command, options);
 }
 
 CLI::App* addProbe(CLI::App& app, Options& options) {
     CLI::App* command = app.add_subcommand("probe", "Describe an input: format, tracks, metadata");
-    addInput(*command, options.probe.input, options.verbose);
+    addInput(*command, options.probe.input, options);
     command->add_flag("--json", options.probe.json, "Write JSON");
     command->add_flag("--packets", options.probe.countPackets,
                       "Read the whole input, and count packets and key frames.\n"
@@ -80,6 +94,11 @@ void addPictureOptions(CLI::App& command, FramesOptions& frames) {
                     "Files that exist are overwritten; folders are not made")
         ->required()
         ->type_name("PATTERN");
+    command
+        .add_option("--filter", frames.filter,
+                    "Send the pictures through these filters before they are scaled:\n"
+                    "a filter graph in FFmpeg's syntax, such as crop=200:100,hflip")
+        ->type_name("SPEC");
     command
         .add_option_function<std::string>(
             "--size", [&frames](const std::string& text) { frames.size = parseSize(text); },
@@ -114,41 +133,77 @@ void addSelectionOptions(CLI::App& command, FramesOptions& frames) {
 
 CLI::App* addFrames(CLI::App& app, Options& options) {
     CLI::App* command = app.add_subcommand("frames", "Save the pictures of a video track as files");
-    addInput(*command, options.frames.input, options.verbose);
+    addInput(*command, options.frames.input, options);
     addPictureOptions(*command, options.frames);
     addSelectionOptions(*command, options.frames);
     command->footer(
         "Decoders of video with B-frames hold pictures back, and are not drained at the end of the\n"
         "input: the last pictures of such video do not come out. Rotation is not applied.\n"
         "\n"
+        "Every picture that goes into the filters gives one at most; what they still hold at the end\n"
+        "does not come out. They see microseconds as if these were seconds: begin with\n"
+        "settb=1/1000000,setpts=PTS/1000000 where time matters, as it does to fps. A graph is trusted:\n"
+        "there are filters that read and write files.\n"
+        "\n"
         "Examples:\n"
         "  kvffmpeg frames clip.mp4 -o pictures/%05d.png\n"
-        "  kvffmpeg frames clip.mp4 -o thumbnail%d.jpg --start 1:30 --count 1 --size 320x-1");
+        "  kvffmpeg frames clip.mp4 -o thumbnail%d.jpg --start 1:30 --count 1 --size 320x-1\n"
+        "  kvffmpeg frames clip.mp4 -o framed%d.png --filter \"crop=200:100,pad=220:120:10:10:white\"");
     return command;
 }
 
-void writeMessage(logger::Level level, const std::string& text) {
-    const char* kind = level <= logger::Level::error     ? "error: "
-                       : level <= logger::Level::warning ? "warning: "
-                                                         : "";
-    report(std::string("kvffmpeg: ") + kind + text);
-}
-
-void setUpLogging(bool verbose) {
-    logger::setSink(writeMessage);
-    if (verbose) logger::setThreshold(logger::Level::debug);
-    // What FFmpeg calls errors are its reasons for what is reported in one line here.
-    av_log_set_level(verbose ? AV_LOG_INFO : AV_LOG_FATAL);
+CLI::App* addWaveform(CLI::App& app, Options& options) {
+    WaveformOptions& waveform = options.waveform;
+    CLI::App* command = app.add_subcommand("waveform", "Save a picture of the sound of an audio track");
+    addInput(*command, waveform.input, options);
+    command
+        ->add_option("-o,--output", waveform.output,
+                     "Name of the picture; its ending (.png, .jpg, .bmp) is the format.\n"
+                     "A file that exists is overwritten")
+        ->required()
+        ->type_name("FILE");
+    command
+        ->add_option_function<std::string>(
+            "--size", [&waveform](const std::string& text) { waveform.size = parseExactSize(text); },
+            "Size of the picture; 1280x240 otherwise")
+        ->type_name("WxH");
+    command
+        ->add_option_function<std::string>(
+            "--rate",
+            [&waveform](const std::string& text) {
+                constexpr unsigned int least = 100;
+                constexpr unsigned int most = 768000;
+                waveform.rate = parseNumber("--rate", text, least, most);
+            },
+            "Draw samples of this rate, 100 to 768000; 8000 otherwise. What is above\n"
+            "half of it cannot be seen")
+        ->type_name("HZ");
+    command
+        ->add_option_function<std::string>(
+            "--track",
+            [&waveform](const std::string& text) { waveform.track = parseNumber("--track", text, 0); },
+            "Index of the audio track; the first one otherwise")
+        ->type_name("I");
+    command->footer(
+        "The channels are mixed; of most compressed formats the first one alone is drawn. Every column\n"
+        "spans from the least to the greatest of its samples; the edges are full scale, and turn red\n"
+        "where samples are clipped; the faint lines are at half of that, 6 dB below.\n"
+        "\n"
+        "Examples:\n"
+        "  kvffmpeg waveform clip.mp4 -o wave.png\n"
+        "  kvffmpeg waveform song.mp3 -o song.png --size 4000x400 --rate 44100");
+    return command;
 }
 
 void execute(int argc, char** argv) {
     Options options;
-    CLI::App app("Describes media, and saves pictures from video.", "kvffmpeg");
+    CLI::App app("Describes media, saves pictures from video, and draws sound.", "kvffmpeg");
     app.set_version_flag("--version", versionText(), "Print the version and exit");
-    addVerbose(app, options.verbose);
+    addVerbosity(app, options);
     app.require_subcommand(1);
     const CLI::App* probeCommand = addProbe(app, options);
-    addFrames(app, options);
+    const CLI::App* framesCommand = addFrames(app, options);
+    addWaveform(app, options);
     app.footer("Run \"kvffmpeg COMMAND --help\" for its options and examples.");
     try {
         app.parse(argc, argv);
@@ -156,16 +211,19 @@ void execute(int argc, char** argv) {
         app.exit(request, std::cout, std::cerr);
         return flushOutput();
     }
-    setUpLogging(options.verbose);
-    return probeCommand->parsed() ? probe(options.probe) : saveFrames(options.frames);
+    setUpLogging(verbosityOf(options));
+    if (probeCommand->parsed()) return probe(options.probe);
+    return framesCommand->parsed() ? saveFrames(options.frames) : saveWaveform(options.waveform);
 }
 
 int fail(const std::string& text, int exitCode) {
+    endLogLine();
     report("kvffmpeg: " + text);
     return exitCode;
 }
 
 int endInterrupted() {
+    endLogLine();
     report("Interrupted");
     return 128 + receivedSignal();
 }

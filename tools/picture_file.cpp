@@ -1,0 +1,34 @@
+#include "picture_file.h"
+
+#include <filesystem>
+#include <stdexcept>
+#include <system_error>
+
+#include "errors.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
+
+namespace kvffmpeg::tool {
+
+void requirePictureFormat(const std::string& path) {
+    auto* format = av_guess_format(nullptr, path.c_str(), nullptr);
+    const bool isPicture =
+        format && format->name == std::string("image2") &&
+        avcodec_find_encoder(av_guess_codec(format, nullptr, path.c_str(), nullptr, AVMEDIA_TYPE_VIDEO));
+    if (!isPicture) {
+        throw UsageError("--output: " + path +
+                         " would not be a picture that can be written, such as .png or .jpg");
+    }
+}
+
+void refuseToOverwrite(const std::string& path, const std::string& inputName) {
+    std::error_code notThere;
+    if (std::filesystem::equivalent(path, inputName, notThere)) {
+        throw std::runtime_error(path + " is the input, and was not overwritten");
+    }
+}
+
+}  // namespace kvffmpeg::tool
