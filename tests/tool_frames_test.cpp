@@ -460,13 +460,15 @@ TEST_F(ToolFramesTest, DoesNotOverwriteItsInput) {
     EXPECT_EQ(test::readFile(file("1.png")), before);
 }
 
-TEST_F(ToolFramesTest, WarnsOfWhatDoesNotDecode) {
+TEST_F(ToolFramesTest, SaysInOneLineWhatDoesNotDecode) {
     KVFFMPEG_REQUIRE_SAMPLE_MEDIA();
     const std::string broken = test::sampleMedia("corrupt_vp9.webm");
     const Result result = run({"frames", broken, "-o", file("%d.png")});
     EXPECT_EQ(result.exitCode, 1);
-    EXPECT_THAT(result.err, StartsWith("kvffmpeg: warning: Could not decode video from " + broken + ":0\n"));
-    EXPECT_THAT(linesOf(result.err).back(), "kvffmpeg: " + broken + ": No picture was written");
+    EXPECT_THAT(linesOf(result.err),
+                testing::ElementsAre("kvffmpeg: " + broken +
+                                     ": No picture was written: Could not decode video from " + broken +
+                                     ":0 (and 50 more; -v shows them)"));
 }
 
 TEST_F(ToolFramesTest, OfRealVideoComeWithoutThoseThatTheDecoderHolds) {

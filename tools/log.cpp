@@ -1,8 +1,10 @@
 #include "log.h"
 
 #include <cstdarg>
+#include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "console.h"
 #include "kvffmpeg/logging.h"
@@ -74,7 +76,39 @@ void writeMessage(logger::Level level, const std::string& text) {
     }
 }
 
+/// Messages that are not worth a line each: a damaged file has one for every packet.
+class Gathered {
+public:
+    void add(const std::string& text) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (count_++ == 0) first_ = text;
+    }
+
+    std::string take() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        std::string text = std::move(first_);
+        if (count_ > 1) text += " (and " + std::to_string(count_ - 1) + " more; -v shows them)";
+        first_.clear();
+        count_ = 0;
+        return text;
+    }
+
+private:
+    std::mutex mutex_;
+    std::string first_;
+    std::size_t count_ = 0;
+};
+
+Gathered& gathered() {
+    static Gathered messages;
+    return messages;
+}
+
 }  // namespace
+
+std::string takeGathered() {
+    return gathered().take();
+}
 
 void setUpLogging(Verbosity verbosity) {
     logger::setSink(writeMessage);
@@ -87,6 +121,7 @@ void setUpLogging(Verbosity verbosity) {
         case Verbosity::normal:
             // What FFmpeg calls errors are its reasons for what is reported in one line here.
             av_log_set_level(AV_LOG_FATAL);
+            logger::setSink([](logger::Level /*level*/, const std::string& text) { gathered().add(text); });
             return;
         case Verbosity::verbose:
             logger::setThreshold(logger::Level::info);

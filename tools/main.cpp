@@ -218,7 +218,8 @@ void execute(int argc, char** argv) {
 
 int fail(const std::string& text, int exitCode) {
     endLogLine();
-    report("kvffmpeg: " + text);
+    const std::string reason = takeGathered();
+    report("kvffmpeg: " + text + (reason.empty() ? "" : ": " + reason));
     return exitCode;
 }
 
@@ -233,6 +234,8 @@ int run(int argc, char** argv) {
         occupyStandardStreams();
         installSignalHandlers();
         execute(argc, argv);
+        const std::string warning = takeGathered();
+        if (!warning.empty()) report("kvffmpeg: warning: " + warning);
         return 0;
     } catch (const Interrupted&) {
         return endInterrupted();
