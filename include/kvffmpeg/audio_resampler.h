@@ -45,8 +45,9 @@ public:
     /// is no map.
     void setChannelMapping(const std::string& map);
     /// Stretches (positive) or squeezes the output by `sampleDelta` samples over the next
-    /// `compensationDistance` output samples, to follow a drifting clock. Ignored before the first `resample`, and
-    /// unless -compensationDistance <= sampleDelta < compensationDistance: libswresample fails on more.
+    /// `compensationDistance` output samples, to follow a drifting clock. Ignored before the first
+    /// `resample`, and unless -compensationDistance <= sampleDelta < compensationDistance: libswresample
+    /// fails on more.
     void setCompensation(int sampleDelta, int compensationDistance) noexcept;
     /// How much is held back, in microseconds; 0 before the first `resample`.
     Timestamp getDelay() const noexcept;
