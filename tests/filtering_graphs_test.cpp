@@ -258,7 +258,9 @@ const Chain chains[] = {
     {"Avgblur", "avgblur=2"},
     {"Negate", "negate"},
     {"Drawbox", "drawbox=3:3:20:12:red"},
-    {"Overlay", "split[a][b];[b]crop=16:16:0:0[c];[a][c]overlay=5:7"},
+    // Without threads: at odd rows libavfilter's slices share a row of chroma, and the last one to write it
+    // wins.
+    {"Overlay", "split[a][b];[b]crop=16:16:0:0[c];[a][c]overlay=5:7:thread_type=0"},
     {"Blend", "split[a][b];[b]vflip[c];[a][c]blend=all_mode=average"},
     {"Hue", "hue=h=45"},
     {"Lut", "lut=c0=255-val"},
