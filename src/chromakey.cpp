@@ -22,7 +22,7 @@ int thresholdOf(float similarity) noexcept {
 
 void chromakey_yuva420p(std::uint8_t* const planes[], const int linesizes[], int width, int height,
                         const std::uint8_t* key, float similarity, float blend) noexcept {
-    const kernels::KeyRule rule = {key[0], key[1], thresholdOf(similarity), blend > 0, blend * 255.0F};
+    const kernels::KeyRule rule = kernels::keyRule(key[0], key[1], thresholdOf(similarity), blend * 255.0F);
     const auto keyRow = kernels::active().keyRow;
     const std::ptrdiff_t columns = std::max(width, 0) >> 1;
     for (std::ptrdiff_t row = 0; row < height >> 1; ++row) {

@@ -21,10 +21,15 @@ struct ChromaRow {
 struct KeyRule {
     std::uint8_t u;
     std::uint8_t v;
-    int threshold;
-    bool soft;      ///< If so: the float (d - threshold) / divisor, cut to an int of 0 ... 255.
-    float divisor;  ///< More than 0 (possibly infinite) if soft. Else: 255 if d > threshold, or 0.
+    bool soft;  ///< If so: the float (d - threshold) / divisor, cut to an int of 0 ... 255. Else: 0 or 255.
+    int threshold;  ///< Not negative.
+    float divisor;  ///< If soft, more than 0, possibly infinite.
+    // What follows from the rest: most pixels are clearly this or that.
+    int clearUpTo;   ///< The greatest distance whose alpha is 0, or -1.
+    int opaqueFrom;  ///< The least distance whose alpha is 255, or more than all there are.
 };
+/// Completes the rule. Not soft for a divisor that is not more than 0.
+KeyRule keyRule(std::uint8_t u, std::uint8_t v, int threshold, float divisor) noexcept;
 
 /// The inner loops in one way of writing them. All variants give the same bytes and touch no byte beyond the
 /// counts given, which may be 0. Destination and source may be the same, but must not overlap otherwise;

@@ -252,67 +252,73 @@ void composeRow(uint8_t* destination, const uint8_t* source, const uint8_t* pixe
                       pixelsPerSample);
 }
 
-// Four or eight squared distances per vector, in the order that packing undoes.
-struct Distances {
-    V part[4];
-};
-
-V squaredDistances(V interleaved, V key) {
-    const V difference = _mm256_sub_epi16(interleaved, key);
-    return _mm256_madd_epi16(difference, difference);
+// 16 squared distances, at most 65535.
+V squaredDistances(const uint8_t* u, const uint8_t* v, V keyU, V keyV) {
+    const V du = _mm256_sub_epi16(_mm256_cvtepu8_epi16(loadHalf(u)), keyU);
+    const V dv = _mm256_sub_epi16(_mm256_cvtepu8_epi16(loadHalf(v)), keyV);
+    return _mm256_adds_epu16(_mm256_mullo_epi16(du, du), _mm256_mullo_epi16(dv, dv));
 }
 
-Distances squaredDistances(V u, V v, V key) {
-    const V zero = _mm256_setzero_si256();
-    const V low = _mm256_unpacklo_epi8(u, v);
-    const V high = _mm256_unpackhi_epi8(u, v);
-    return {{squaredDistances(_mm256_unpacklo_epi8(low, zero), key),
-             squaredDistances(_mm256_unpackhi_epi8(low, zero), key),
-             squaredDistances(_mm256_unpacklo_epi8(high, zero), key),
-             squaredDistances(_mm256_unpackhi_epi8(high, zero), key)}};
+V greater(V distances, V limit) {
+    const V beyond = _mm256_subs_epu16(distances, limit);
+    return _mm256_xor_si256(_mm256_cmpeq_epi16(beyond, _mm256_setzero_si256()), ones());
 }
 
-// Bytes, cut to 0 ... 255, of 32 numbers.
-V packBytes(const Distances& numbers) {
-    return _mm256_packus_epi16(_mm256_packs_epi32(numbers.part[0], numbers.part[1]),
-                               _mm256_packs_epi32(numbers.part[2], numbers.part[3]));
+// Eight alphas as 32-bit numbers, 0 ... 255, from distances of 32 bits.
+V wideAlphas(const uint8_t* u, const uint8_t* v, const KeyRule& rule) {
+    const auto load8 = [](const uint8_t* from) {
+        return _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const Half*>(from)));
+    };
+    const V both = _mm256_or_si256(load8(u), _mm256_slli_epi32(load8(v), 16));
+    const V difference = _mm256_sub_epi16(both, _mm256_set1_epi32(rule.u | rule.v << 16));
+    const V distances = _mm256_madd_epi16(difference, difference);
+    const V threshold = _mm256_set1_epi32(rule.threshold);
+    if (!rule.soft) return _mm256_srli_epi32(_mm256_cmpgt_epi32(distances, threshold), 24);
+    const __m256 beyond = _mm256_cvtepi32_ps(_mm256_sub_epi32(distances, threshold));
+    const __m256 quotient = _mm256_div_ps(beyond, _mm256_set1_ps(rule.divisor));
+    const V alphas = _mm256_cvttps_epi32(_mm256_min_ps(quotient, _mm256_set1_ps(255.0F)));
+    return _mm256_max_epi32(alphas, _mm256_setzero_si256());
 }
 
-void storeTwice(uint8_t* upper, uint8_t* lower, V alpha) {
-    const V low = _mm256_unpacklo_epi8(alpha, alpha);
-    const V high = _mm256_unpackhi_epi8(alpha, alpha);
-    const V first = _mm256_permute2x128_si256(low, high, 0x20);
-    const V second = _mm256_permute2x128_si256(low, high, 0x31);
-    store(upper, first);
-    store(upper + 32, second);
-    store(lower, first);
-    store(lower + 32, second);
+// 16 alphas, each twice.
+V wideAlphaPairs(const uint8_t* u, const uint8_t* v, const KeyRule& rule) {
+    const V words = _mm256_permute4x64_epi64(
+        _mm256_packus_epi32(wideAlphas(u, v, rule), wideAlphas(u + 8, v + 8, rule)), 0xD8);
+    return _mm256_or_si256(words, _mm256_slli_epi16(words, 8));
+}
+
+template <typename Alphas>
+ptrdiff_t keyBlocks(uint8_t* upper, uint8_t* lower, ptrdiff_t count, const Alphas& alphas) {
+    ptrdiff_t i = 0;
+    for (; i + 16 <= count; i += 16) {
+        const V alpha = alphas(i);
+        store(upper + 2 * i, alpha);
+        store(lower + 2 * i, alpha);
+    }
+    return i;
 }
 
 void keyRow(uint8_t* upper, uint8_t* lower, const uint8_t* u, const uint8_t* v, ptrdiff_t count,
             const KeyRule& rule) {
-    const V key = _mm256_set1_epi32(rule.u | rule.v << 16);
-    const V threshold = _mm256_set1_epi32(rule.threshold);
+    const V keyU = _mm256_set1_epi16(rule.u);
+    const V keyV = _mm256_set1_epi16(rule.v);
+    const V clear = _mm256_set1_epi16(static_cast<short>(rule.clearUpTo));
+    const V belowOpaque = _mm256_set1_epi16(static_cast<short>(rule.opaqueFrom - 1));
     ptrdiff_t i = 0;
-    if (rule.soft) {
-        const __m256 divisor = _mm256_set1_ps(rule.divisor);
-        const __m256 most = _mm256_set1_ps(255.0F);
-        for (; i + 32 <= count; i += 32) {
-            Distances numbers = squaredDistances(load(u + i), load(v + i), key);
-            for (V& number : numbers.part) {
-                const __m256 beyond = _mm256_cvtepi32_ps(_mm256_sub_epi32(number, threshold));
-                number = _mm256_cvttps_epi32(_mm256_min_ps(_mm256_div_ps(beyond, divisor), most));
-            }
-            storeTwice(upper + 2 * i, lower + 2 * i, packBytes(numbers));
-        }
+    if (rule.opaqueFrom > 65535) {  // only keys that cover most of all colours
+        i = keyBlocks(upper, lower, count,
+                      [&](ptrdiff_t at) { return wideAlphaPairs(u + at, v + at, rule); });
+    } else if (rule.opaqueFrom - rule.clearUpTo == 1) {
+        i = keyBlocks(upper, lower, count, [&](ptrdiff_t at) {
+            return greater(squaredDistances(u + at, v + at, keyU, keyV), clear);
+        });
     } else {
-        for (; i + 32 <= count; i += 32) {
-            Distances numbers = squaredDistances(load(u + i), load(v + i), key);
-            for (V& number : numbers.part) {
-                number = _mm256_and_si256(_mm256_cmpgt_epi32(number, threshold), _mm256_set1_epi32(255));
-            }
-            storeTwice(upper + 2 * i, lower + 2 * i, packBytes(numbers));
-        }
+        i = keyBlocks(upper, lower, count, [&](ptrdiff_t at) {
+            const V distances = squaredDistances(u + at, v + at, keyU, keyV);
+            const V beyond = greater(distances, clear);
+            if (isZero(_mm256_xor_si256(beyond, greater(distances, belowOpaque)))) return beyond;
+            return wideAlphaPairs(u + at, v + at, rule);
+        });
     }
     scalar.keyRow(upper + 2 * i, lower + 2 * i, u + i, v + i, count - i, rule);
 }

@@ -29,6 +29,9 @@ V load(const uint8_t* from, Mask lanes) {
 V load(const uint8_t* from) {
     return _mm512_loadu_si512(from);
 }
+Half loadHalf(const uint8_t* from) {
+    return _mm256_loadu_si256(reinterpret_cast<const Half*>(from));
+}
 Half loadHalf(const uint8_t* from, HalfMask lanes) {
     return _mm256_maskz_loadu_epi8(lanes, from);
 }
@@ -212,48 +215,91 @@ void composeRow(uint8_t* destination, const uint8_t* source, const uint8_t* pixe
     }
 }
 
-V squaredDistances(__m128i u, __m128i v, V key) {
+// 16 alphas as bytes, from distances of 32 bits.
+__m128i wideAlphas(__m128i u, __m128i v, const KeyRule& rule) {
     const V both = _mm512_or_si512(_mm512_cvtepu8_epi32(u), _mm512_slli_epi32(_mm512_cvtepu8_epi32(v), 16));
-    const V difference = _mm512_sub_epi16(both, key);
-    return _mm512_madd_epi16(difference, difference);
+    const V difference = _mm512_sub_epi16(both, _mm512_set1_epi32(rule.u | rule.v << 16));
+    const V distances = _mm512_madd_epi16(difference, difference);
+    if (!rule.soft) {
+        return _mm_movm_epi8(_mm512_cmpgt_epi32_mask(distances, _mm512_set1_epi32(rule.threshold)));
+    }
+    const V beyond = _mm512_sub_epi32(distances, _mm512_set1_epi32(rule.threshold));
+    const __m512 quotient = _mm512_div_ps(_mm512_cvtepi32_ps(beyond), _mm512_set1_ps(rule.divisor));
+    const V alphas = _mm512_cvttps_epi32(_mm512_min_ps(quotient, _mm512_set1_ps(255.0F)));
+    return _mm512_cvtepi32_epi8(_mm512_max_epi32(alphas, _mm512_setzero_si512()));
 }
 
-// Each byte twice, in both rows.
-void storeTwice(uint8_t* upper, uint8_t* lower, Half alpha, Mask lanes) {
-    const V wide = _mm512_cvtepu8_epi16(alpha);
-    const V twice = _mm512_or_si512(wide, _mm512_slli_epi16(wide, 8));
-    _mm512_mask_storeu_epi8(upper, lanes, twice);
-    _mm512_mask_storeu_epi8(lower, lanes, twice);
+// 32 alphas, each twice.
+V wideAlphas(Half u, Half v, const KeyRule& rule) {
+    const __m128i low = wideAlphas(_mm256_castsi256_si128(u), _mm256_castsi256_si128(v), rule);
+    const __m128i high = wideAlphas(_mm256_extracti128_si256(u, 1), _mm256_extracti128_si256(v, 1), rule);
+    const V wide = _mm512_cvtepu8_epi16(_mm256_inserti128_si256(_mm256_castsi128_si256(low), high, 1));
+    return _mm512_or_si512(wide, _mm512_slli_epi16(wide, 8));
+}
+
+// Decides in 16 bits, in which distances fit where it matters, except for keys that cover most of all
+// colours.
+class KeyLimits {
+public:
+    explicit KeyLimits(const KeyRule& rule)
+        : rule_(rule),
+          u_(_mm512_set1_epi16(rule.u)),
+          v_(_mm512_set1_epi16(rule.v)),
+          clear_(_mm512_set1_epi16(static_cast<short>(rule.clearUpTo))),
+          opaque_(_mm512_set1_epi16(static_cast<short>(rule.opaqueFrom))) {}
+
+    static bool fits(const KeyRule& rule) { return rule.opaqueFrom <= 65535; }
+    V hard(Half u, Half v) const {
+        return _mm512_movm_epi16(_mm512_cmpgt_epu16_mask(distances(u, v), clear_));
+    }
+    V soft(Half u, Half v) const {
+        const V all = distances(u, v);
+        const HalfMask beyond = _mm512_cmpgt_epu16_mask(all, clear_);
+        if (beyond == _mm512_cmpge_epu16_mask(all, opaque_)) return _mm512_movm_epi16(beyond);
+        return wideAlphas(u, v, rule_);
+    }
+
+private:
+    V distances(Half u, Half v) const {
+        const V du = _mm512_sub_epi16(_mm512_cvtepu8_epi16(u), u_);
+        const V dv = _mm512_sub_epi16(_mm512_cvtepu8_epi16(v), v_);
+        return _mm512_adds_epu16(_mm512_mullo_epi16(du, du), _mm512_mullo_epi16(dv, dv));
+    }
+
+    const KeyRule& rule_;
+    V u_;
+    V v_;
+    V clear_;
+    V opaque_;
+};
+
+template <typename Alphas>
+void keyBlocks(uint8_t* upper, uint8_t* lower, const uint8_t* u, const uint8_t* v, ptrdiff_t count,
+               const Alphas& alphas) {
+    ptrdiff_t i = 0;
+    for (; i + 32 <= count; i += 32) {
+        const V alpha = alphas(loadHalf(u + i), loadHalf(v + i));
+        _mm512_storeu_si512(upper + 2 * i, alpha);
+        _mm512_storeu_si512(lower + 2 * i, alpha);
+    }
+    if (i < count) {
+        const HalfMask lanes = firstHalfLanes(count - i);
+        const Mask pairs = firstLanes(2 * (count - i));
+        const V alpha = alphas(loadHalf(u + i, lanes), loadHalf(v + i, lanes));
+        _mm512_mask_storeu_epi8(upper + 2 * i, pairs, alpha);
+        _mm512_mask_storeu_epi8(lower + 2 * i, pairs, alpha);
+    }
 }
 
 void keyRow(uint8_t* upper, uint8_t* lower, const uint8_t* u, const uint8_t* v, ptrdiff_t count,
             const KeyRule& rule) {
-    const V key = _mm512_set1_epi32(rule.u | rule.v << 16);
-    const V threshold = _mm512_set1_epi32(rule.threshold);
-    const __m512 divisor = _mm512_set1_ps(rule.divisor);
-    const __m512 most = _mm512_set1_ps(255.0F);
-    const auto softAlpha = [&](V distances) {
-        const __m512 beyond = _mm512_cvtepi32_ps(_mm512_sub_epi32(distances, threshold));
-        const __m512 quotient = _mm512_min_ps(_mm512_div_ps(beyond, divisor), most);
-        return _mm512_cvtusepi32_epi8(
-            _mm512_max_epi32(_mm512_cvttps_epi32(quotient), _mm512_setzero_si512()));
-    };
-    for (ptrdiff_t i = 0; i < count; i += 32) {
-        const HalfMask lanes = firstHalfLanes(count - i);
-        const Half us = loadHalf(u + i, lanes);
-        const Half vs = loadHalf(v + i, lanes);
-        const V first = squaredDistances(_mm256_castsi256_si128(us), _mm256_castsi256_si128(vs), key);
-        const V second =
-            squaredDistances(_mm256_extracti128_si256(us, 1), _mm256_extracti128_si256(vs, 1), key);
-        Half alpha;
-        if (rule.soft) {
-            alpha = _mm256_inserti128_si256(_mm256_castsi128_si256(softAlpha(first)), softAlpha(second), 1);
-        } else {
-            const __mmask16 low = _mm512_cmpgt_epi32_mask(first, threshold);
-            const __mmask16 high = _mm512_cmpgt_epi32_mask(second, threshold);
-            alpha = _mm256_movm_epi8(_mm512_kunpackw(high, low));
-        }
-        storeTwice(upper + 2 * i, lower + 2 * i, alpha, firstLanes(2 * (count - i)));
+    const KeyLimits limits(rule);
+    if (!KeyLimits::fits(rule)) {
+        keyBlocks(upper, lower, u, v, count, [&](Half us, Half vs) { return wideAlphas(us, vs, rule); });
+    } else if (rule.opaqueFrom - rule.clearUpTo == 1) {
+        keyBlocks(upper, lower, u, v, count, [&](Half us, Half vs) { return limits.hard(us, vs); });
+    } else {
+        keyBlocks(upper, lower, u, v, count, [&](Half us, Half vs) { return limits.soft(us, vs); });
     }
 }
 

@@ -60,18 +60,37 @@ void composeRow(std::uint8_t* destination, const std::uint8_t* source, const std
     }
 }
 
-std::uint8_t keyAlpha(int u, int v, const KeyRule& rule) noexcept {
-    const int distance = (u - rule.u) * (u - rule.u) + (v - rule.v) * (v - rule.v);
+std::uint8_t keyAlpha(int distance, const KeyRule& rule) noexcept {
     if (!rule.soft) return distance > rule.threshold ? 255 : 0;
-    // As a float first: the quotient by a small divisor does not fit in an int.
+    // Cut as a float: the quotient by a small divisor does not fit in an int.
     const float quotient = static_cast<float>(distance - rule.threshold) / rule.divisor;
     return static_cast<std::uint8_t>(std::min(std::max(quotient, 0.0F), 255.0F));
+}
+
+int squaredDistance(int u, int v, const KeyRule& rule) noexcept {
+    return (u - rule.u) * (u - rule.u) + (v - rule.v) * (v - rule.v);
+}
+
+/// The least distance whose alpha is at least `alpha`, or more than all there are. Alpha never falls with
+/// distance.
+int firstDistanceOf(int alpha, const KeyRule& rule) noexcept {
+    int low = 0;
+    int high = 2 * 255 * 255 + 1;
+    while (low < high) {
+        const int middle = (low + high) / 2;
+        if (keyAlpha(middle, rule) >= alpha) {
+            high = middle;
+        } else {
+            low = middle + 1;
+        }
+    }
+    return low;
 }
 
 void keyRow(std::uint8_t* upper, std::uint8_t* lower, const std::uint8_t* u, const std::uint8_t* v,
             std::ptrdiff_t count, const KeyRule& rule) {
     for (std::ptrdiff_t i = 0; i < count; ++i) {
-        const std::uint8_t alpha = keyAlpha(u[i], v[i], rule);
+        const std::uint8_t alpha = keyAlpha(squaredDistance(u[i], v[i], rule), rule);
         upper[2 * i] = upper[2 * i + 1] = alpha;
         lower[2 * i] = lower[2 * i + 1] = alpha;
     }
@@ -82,6 +101,13 @@ void mapRow(std::uint8_t* row, std::ptrdiff_t count, const std::uint8_t* table) 
 }
 
 }  // namespace
+
+KeyRule keyRule(std::uint8_t u, std::uint8_t v, int threshold, float divisor) noexcept {
+    KeyRule rule = {u, v, divisor > 0, threshold, divisor, 0, 0};
+    rule.clearUpTo = firstDistanceOf(1, rule) - 1;
+    rule.opaqueFrom = firstDistanceOf(255, rule);
+    return rule;
+}
 
 void blendChromaPlane(const ChromaRow& row, int plane) {
     std::uint8_t* destination = row.destination[plane];

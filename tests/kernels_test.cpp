@@ -363,10 +363,10 @@ std::vector<KeyRule> keyRules() {
     const float inf = std::numeric_limits<float>::infinity();
     for (const int threshold :
          {0, 1, 650, 16256, 65024, 65535, 65536, 130050, std::numeric_limits<int>::max()}) {
-        rules.push_back({44, 21, threshold, false, 0});
+        rules.push_back(kernels::keyRule(44, 21, threshold, 0));
         for (const float divisor :
              {1e-42F, 1e-30F, 0.001F, 0.255F, 1.0F, 25.5F, 63.75F, 255.0F, 1e5F, 1e38F, inf}) {
-            rules.push_back({200, 99, threshold, true, divisor});
+            rules.push_back(kernels::keyRule(200, 99, threshold, divisor));
         }
     }
     return rules;
@@ -379,6 +379,20 @@ int keyAlpha(int u, int v, const KeyRule& rule) {
     const float quotient = static_cast<float>(distance - rule.threshold) / rule.divisor;
     if (quotient >= 255) return 255;
     return quotient <= 0 ? 0 : static_cast<int>(std::floor(quotient));
+}
+
+TEST(KeyRuleTest, KnowsFromWhereToWhereAlphaRises) {
+    const KeyRule hard = kernels::keyRule(0, 0, 650, 0);
+    EXPECT_FALSE(hard.soft);
+    EXPECT_EQ(hard.clearUpTo, 650);
+    EXPECT_EQ(hard.opaqueFrom, 651);
+    const KeyRule soft = kernels::keyRule(0, 0, 650, 25.5F);
+    EXPECT_TRUE(soft.soft);
+    EXPECT_EQ(soft.clearUpTo, 650 + 25);
+    EXPECT_EQ(soft.opaqueFrom, 650 + 6503);  // 255 * 25.5 is 6502.5
+    const KeyRule never = kernels::keyRule(0, 0, 1000000, 0);
+    EXPECT_EQ(never.clearUpTo, 2 * 255 * 255);
+    EXPECT_GT(never.opaqueFrom, 2 * 255 * 255);
 }
 
 TEST_P(KernelsTest, KeyRowFollowsItsRuleForEveryChroma) {
@@ -404,7 +418,7 @@ TEST_P(KernelsTest, KeyRowEqualsTheScalarFormAtAllSizesAndAlignmentsWithinItsByt
     Operand upper;
     Operand lower;
     Operand chroma[2];
-    for (const KeyRule& rule : {KeyRule{44, 21, 16256, false, 0}, KeyRule{120, 130, 650, true, 25.5F}}) {
+    for (const KeyRule& rule : {kernels::keyRule(44, 21, 16256, 0), kernels::keyRule(120, 130, 650, 25.5F)}) {
         forAllPlaces([&](std::ptrdiff_t count, int gap, bool atFront) {
             std::uint8_t* u = chroma[0].place(count, gap, atFront);
             std::uint8_t* v = chroma[1].place(count, (gap * 5) % alignments, atFront);
