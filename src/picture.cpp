@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "ffmpeg_compat.h"
+#include "picture_planes.h"
 #include "text_format.h"
 
 extern "C" {
@@ -17,28 +18,13 @@ extern "C" {
 namespace kvffmpeg {
 namespace {
 
+using planes::hasPalettePlane;
+using planes::planeCount;
+using planes::readableEnd;
+using planes::storedRowBytes;
+using planes::storedRows;
+
 constexpr std::ptrdiff_t paletteBytes = 1024;  // 256 entries of 4
-
-bool hasPalettePlane(const AVPixFmtDescriptor& format) noexcept {
-    return (format.flags & (AV_PIX_FMT_FLAG_PAL | compat::pseudoPalFlag)) != 0;
-}
-
-int planeCount(const AVPixFmtDescriptor& format) noexcept {
-    int count = 0;
-    for (int c = 0; c < format.nb_components; ++c) count = std::max(count, format.comp[c].plane + 1);
-    return count;
-}
-
-/// Rows of a plane, with chroma rounded up, as FFmpeg stores them.
-std::ptrdiff_t storedRows(const AVPixFmtDescriptor& format, int plane, int height) noexcept {
-    const int shift = plane == 1 || plane == 2 ? format.log2_chroma_h : 0;
-    return height <= 0 ? 0 : (static_cast<std::ptrdiff_t>(height) + (1 << shift) - 1) >> shift;
-}
-
-/// Bytes of a row of a plane that hold samples, with chroma rounded up, as FFmpeg stores them.
-std::ptrdiff_t storedRowBytes(AVPixelFormat format, int plane, int width) noexcept {
-    return width <= 0 ? 0 : std::max(av_image_get_linesize(format, width, plane), 0);
-}
 
 /// Where a pixel's position lies in a plane. Plane 3 is never moved.
 struct PlaneOffset {
@@ -63,28 +49,6 @@ void copyRows(unsigned char* destination, std::ptrdiff_t destinationLinesize, co
         std::memmove(destination + row * destinationLinesize, source + row * sourceLinesize,
                      static_cast<std::size_t>(bytes));
     }
-}
-
-/// One past the last byte that may be touched through a plane of a picture: the end of its buffer, or, as a
-/// borrowed buffer does not tell its size, the end of the plane's last visible row.
-const unsigned char* readableEnd(const Picture& picture, const AVPixFmtDescriptor& format,
-                                 int plane) noexcept {
-    MemBuffer& buffer = *picture.buffer();
-    if (buffer.size() != 0) return buffer.data() + buffer.size();
-    const std::ptrdiff_t rows = storedRows(format, plane, picture.height());
-    if (rows == 0) return picture.getPlanes()[plane];
-    return picture.getPlanes()[plane] + (rows - 1) * picture.getLinesize()[plane] +
-           storedRowBytes(picture.pixelFormat(), plane, picture.width());
-}
-
-/// How many samples of a component can be read from a row: at most `wanted`, and none beyond the `rowBytes`
-/// that are visible or the end of the buffer. (In formats that pack several pixels into a step, steps of a
-/// pixel leave the row, for its padding or for what a crop hides.)
-std::ptrdiff_t readableSamples(std::ptrdiff_t wanted, const AVComponentDescriptor& component,
-                               std::ptrdiff_t rowBytes, std::ptrdiff_t bytesToEnd) noexcept {
-    const std::ptrdiff_t bytes = std::min(rowBytes, bytesToEnd) - component.offset;
-    if (bytes <= 0 || component.step <= 0) return 0;
-    return std::min(wanted, (bytes + component.step - 1) / component.step);
 }
 
 bool equalSamples(const unsigned char* a, const unsigned char* b, std::ptrdiff_t count, int step) noexcept {
@@ -276,21 +240,17 @@ bool Picture::operator==(const Picture& other) const noexcept {
         const AVComponentDescriptor& component = format->comp[c];
         const int p = component.plane;
         if (!planes_[p] || !other.planes_[p]) continue;
-        const bool isChroma = (p == 1 || p == 2) && (format->flags & AV_PIX_FMT_FLAG_RGB) == 0;
-        const int width = size_.w >> (isChroma ? format->log2_chroma_w : 0);
-        const int height = size_.h >> (isChroma ? format->log2_chroma_h : 0);
+        const rect_size_t area = planes::componentSize(*format, p, size_);
         const std::ptrdiff_t rowBytes = storedRowBytes(pixelFormat_, p, size_.w);
         const unsigned char* row = planes_[p];
         const unsigned char* otherRow = other.planes_[p];
         const unsigned char* end = readableEnd(*this, *format, p);
         const unsigned char* otherEnd = readableEnd(other, *format, p);
-        for (int y = 0; y < height && row < end && otherRow < otherEnd; ++y) {
+        for (int y = 0; y < area.h && row < end && otherRow < otherEnd; ++y) {
             const std::ptrdiff_t count =
-                std::min(readableSamples(width, component, rowBytes, end - row),
-                         readableSamples(width, component, rowBytes, otherEnd - otherRow));
-            // Offsets of -1 exist (big-endian rgb565 and its like): the first sample would lie before the
-            // row.
-            const std::ptrdiff_t first = component.offset < 0 ? 1 : 0;
+                std::min(planes::readableSamples(area.w, component, rowBytes, end - row),
+                         planes::readableSamples(area.w, component, rowBytes, otherEnd - otherRow));
+            const std::ptrdiff_t first = planes::firstSample(component);
             const std::ptrdiff_t start = component.offset + first * component.step;
             if (!equalSamples(row + start, otherRow + start, count - first, component.step)) return false;
             row += std::min<std::ptrdiff_t>(linesizes_[p], end - row);

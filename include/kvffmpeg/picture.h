@@ -5,6 +5,7 @@
 #include <iosfwd>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "kvffmpeg/export.h"
 #include "kvffmpeg/geometry.h"
@@ -97,6 +98,42 @@ public:
     /// even in formats without subsampling. Plane 3 is copied to the top-left corner whatever the position.
     /// Rows and columns that do not fit are left out. Writes into a shared buffer without asking.
     void bitblt(const Picture& source, point_t position) noexcept;
+
+    // What follows draws into the picture's own memory, also if that is shared: call `makeEditable()` first.
+    // Only the two solid fills ask.
+
+    /// Draws `overlay` here by its alpha: D = (S * a + D * (255 - a)) / 255, rounded down. For a picture of
+    /// planar 4:2:0 with 8 bits and an overlay of four bytes a pixel with alpha last (AV_PIX_FMT_RGBA,
+    /// AV_PIX_FMT_BGRA), which is converted to this picture's format and colour range by a `Scaler`. The top
+    /// left pixel of each 2 x 2 decides for chroma; where the overlay's part that is visible has an odd
+    /// width, its last column keeps its chroma. `position` is rounded down to even numbers, and what lies
+    /// outside is left out. The alpha of this picture stays as it is.
+    ///
+    /// An overlay of this picture's own format is copied instead if that has no alpha: `crop` to the visible
+    /// part, then `bitblt` to the even position. Both round once more (4:2:0 that is meant for (5, 7) lands
+    /// at (4, 4), and odd sizes lose their last row and column), and left of or above this picture, where the
+    /// position is that of the hidden corner, what is hidden is left out twice.
+    ///
+    /// Other pairs of formats give wrong pictures, and pairs that cannot be converted change nothing;
+    /// `DrawUtils::compose` knows more of them. Nothing outside either picture is touched. `overlay` may
+    /// share this picture's memory.
+    /// @throws what `Scaler::convertToColorspace` throws, with nothing changed.
+    void compose(const Picture& overlay, point_t position);
+    /// Replaces each sample v of a component (0 is red or luma, as FFmpeg counts them) by table[v]. Entries
+    /// beyond 256 are not used; samples that a shorter table has no entry for stay, as does everything when
+    /// there is no such component. Of samples with more than one byte only the first is replaced, chroma
+    /// sizes are rounded down, and in palette pictures the indices are meant. Formats with several samples in
+    /// a byte (monochrome, rgb4) are no use here: whole bytes are replaced.
+    void applyLUT(int component, const std::vector<unsigned char>& table) noexcept;
+    /// `DrawUtils::fillRectangle` for the whole picture. Each component is 0 ... 255 (not checked).
+    /// @throws what that throws, as for a picture that is not `editable()`.
+    void fillWithRGBA(int r, int g, int b, int a);
+    /// `fillWithRGBA` with an alpha of 255.
+    void fillWithRGB(int r, int g, int b);
+    /// A test pattern for the *whole buffer*, also in a crop: byte i becomes (i / width) modulo 256, whatever
+    /// the format. Does nothing without a buffer or width, or if the buffer is borrowed, as its size is not
+    /// known then.
+    void fillWithDebugData() noexcept;
 
     /// Exports without copying: fills `buf[0]` (overwritten, not released), the planes, linesizes, size,
     /// format and colour range of a blank frame. The frame keeps the pixels alive, and this picture is not
