@@ -2,7 +2,11 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include "errors.h"
@@ -74,6 +78,31 @@ rect_size_t sidesOf(const std::string& text) {
     return sides.size() == 2 ? rect_size_t{side(sides[0]), side(sides[1])} : rect_size_t{0, 0};
 }
 
+/// A whole number of up to 9 digits, which may be negative.
+std::optional<int> coordinate(std::string_view text) {
+    const bool isNegative = !text.empty() && text[0] == '-';
+    const std::int64_t value = number(text.substr(isNegative ? 1 : 0));
+    if (value < 0) return std::nullopt;
+    return static_cast<int>(isNegative ? -value : value);
+}
+
+/// A decimal number from 0 to 1.
+std::optional<float> share(std::string_view text) {
+    const std::size_t point = text.find('.');
+    const std::int64_t whole = number(text.substr(0, point));
+    const std::int64_t millionths = point == std::string_view::npos ? 0 : fraction(text.substr(point + 1));
+    if (whole < 0 || millionths < 0 || whole * 1000000 + millionths > 1000000) return std::nullopt;
+    return static_cast<float>(static_cast<double>(whole * 1000000 + millionths) / 1e6);
+}
+
+std::optional<Color> color(std::string_view text) {
+    try {
+        return Color(std::string(text));
+    } catch (const std::runtime_error&) {
+        return std::nullopt;
+    }
+}
+
 }  // namespace
 
 Timestamp parseTime(const std::string& text) {
@@ -112,6 +141,55 @@ unsigned int parseNumber(const std::string& option, const std::string& text, uns
                "expected a number from " + std::to_string(least) + " to " + std::to_string(most));
     }
     return static_cast<unsigned int>(value);
+}
+
+KeyArgument parseKey(const std::string& text) {
+    const std::vector<std::string_view> parts = split(text, ':');
+    KeyArgument key;
+    const std::optional<Color> keyed = color(parts[0]);
+    const std::optional<float> similarity = parts.size() > 1 ? share(parts[1]) : key.similarity;
+    const std::optional<float> blend = parts.size() > 2 ? share(parts[2]) : key.blend;
+    if (!keyed || !similarity || !blend || parts.size() > 3) {
+        refuse("--key", text,
+               "expected COLOR[:SIMILARITY[:BLEND]] with numbers from 0 to 1, such as 0x00b140:0.2:0.02");
+    }
+    return {*keyed, *similarity, *blend};
+}
+
+BackgroundArgument parseBackground(const std::string& text) {
+    std::error_code notThere;
+    if (std::filesystem::exists(text, notThere) && !std::filesystem::is_directory(text, notThere)) {
+        return {text, {}};
+    }
+    const std::optional<Color> plain = color(text);
+    if (!plain)
+        refuse("--background", text, "expected a picture file, or a colour such as white or 0x204060");
+    return {{}, *plain};
+}
+
+FillArgument parseFill(const std::string& text) {
+    const std::vector<std::string_view> parts = split(text, ',');
+    if (parts.size() == 5) {
+        const std::optional<int> x = coordinate(parts[0]);
+        const std::optional<int> y = coordinate(parts[1]);
+        const rect_size_t size{side(parts[2]), side(parts[3])};
+        const std::optional<Color> filled = color(parts[4]);
+        if (x && y && size.w > 0 && size.h > 0 && filled) return {{*x, *y, size.w, size.h}, *filled};
+    }
+    refuse("--fill", text,
+           "expected X,Y,W,H,COLOR with sides from 1 to " + std::to_string(longestSide) +
+               ", such as 0,300,640,60,black");
+}
+
+OverlayArgument parseOverlay(const std::string& text) {
+    const std::size_t at = text.rfind('@');
+    if (at != std::string::npos && at > 0) {
+        const std::vector<std::string_view> parts = split(std::string_view(text).substr(at + 1), ',');
+        const std::optional<int> x = coordinate(parts[0]);
+        const std::optional<int> y = parts.size() == 2 ? coordinate(parts[1]) : std::nullopt;
+        if (x && y) return {text.substr(0, at), {*x, *y}};
+    }
+    refuse("--overlay", text, "expected FILE@X,Y with whole numbers, such as logo.png@16,-8");
 }
 
 }  // namespace kvffmpeg::tool

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "kvffmpeg/color.h"
 #include "kvffmpeg/geometry.h"
 #include "kvffmpeg/timestamp.h"
 
@@ -9,6 +10,30 @@ namespace kvffmpeg::tool {
 
 /// The longest side that a picture can be asked to have.
 constexpr int longestSide = 65535;
+
+/// What becomes transparent, as `ImageUtils::chromaKeying` takes it. The defaults are for an evenly lit
+/// screen of about the given colour.
+struct KeyArgument {
+    Color color;
+    float similarity = 0.2F;
+    float blend = 0.02F;
+};
+
+/// A picture file, or a colour when there is no path.
+struct BackgroundArgument {
+    std::string path;
+    Color color;
+};
+
+struct FillArgument {
+    rect_t area;
+    Color color;
+};
+
+struct OverlayArgument {
+    std::string path;
+    point_t position;
+};
 
 /// "12.5" (seconds) or "[HH:]MM:SS[.mmm]", in microseconds; digits beyond those are dropped.
 /// @throws UsageError for anything else.
@@ -25,5 +50,18 @@ rect_size_t parseExactSize(const std::string& text);
 /// @throws UsageError for anything else.
 unsigned int parseNumber(const std::string& option, const std::string& text, unsigned int least,
                          unsigned int most = 999999999);
+
+/// "COLOR", "COLOR:SIMILARITY" or "COLOR:SIMILARITY:BLEND". @throws UsageError for anything else.
+KeyArgument parseKey(const std::string& text);
+
+/// The path of a file that is there, or else a colour. @throws UsageError for anything else.
+BackgroundArgument parseBackground(const std::string& text);
+
+/// "X,Y,W,H,COLOR"; X and Y may be negative. @throws UsageError for anything else.
+FillArgument parseFill(const std::string& text);
+
+/// "FILE@X,Y"; X and Y may be negative, and the file's name may have further "@". @throws UsageError for
+/// anything else.
+OverlayArgument parseOverlay(const std::string& text);
 
 }  // namespace kvffmpeg::tool

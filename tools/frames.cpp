@@ -7,6 +7,7 @@
 
 #include "arguments.h"
 #include "console.h"
+#include "drawing.h"
 #include "errors.h"
 #include "file_pattern.h"
 #include "kvffmpeg/scaler.h"
@@ -71,7 +72,7 @@ public:
 
     void save(const Picture& picture) {
         const std::string path = pattern_.name(written_ + 1);
-        refuseToOverwrite(path, inputName_);
+        refuseToOverwrite(path, inputName_, "the input");
         savePicture(picture, path);
         ++written_;
     }
@@ -110,7 +111,7 @@ void showPosition(const Input& input, const Frame& frame, std::uint64_t written)
 }
 
 /// Returns whether there was any picture for the filter.
-bool saveAll(Input& input, unsigned int track, const FramesOptions& options, Scaler& scaler,
+bool saveAll(Input& input, unsigned int track, const FramesOptions& options, Scaler& scaler, Drawing& drawing,
              PictureFiles& files) {
     const Timestamp start = options.start.is_nil() ? Timestamp() : input.start() + options.start;
     PictureFilter filter(options.filter);
@@ -125,7 +126,8 @@ bool saveAll(Input& input, unsigned int track, const FramesOptions& options, Sca
         hasPicture = true;
         const Picture picture = filter.filter(frame);
         if (picture.empty()) continue;
-        files.save(options.size ? scaled(scaler, picture, *options.size) : picture);
+        drawing.refuseToOverwriteFiles(files.nextName());
+        files.save(drawing.draw(options.size ? scaled(scaler, picture, *options.size) : picture));
     }
     clearProgress();
     return hasPicture;
@@ -137,6 +139,7 @@ void saveFrames(const FramesOptions& options) {
     Scaler scaler;
     setAlgorithm(scaler, options.algorithm);
     PictureFiles files(options.output, options.input.url);
+    Drawing drawing(options.drawing, scaler.algorithm());
     Input input(options.input);
     requirePictureFormat(files.nextName());
     const unsigned int track = chooseTrack(input, AVMEDIA_TYPE_VIDEO, options.track);
@@ -144,7 +147,7 @@ void saveFrames(const FramesOptions& options) {
     if (options.start > Timestamp(0)) seekBefore(input, track, input.start() + options.start);
     bool hasPicture = false;
     try {
-        hasPicture = saveAll(input, track, options, scaler, files);
+        hasPicture = saveAll(input, track, options, scaler, drawing, files);
     } catch (...) {
         clearProgress();
         files.writeSummary(std::cout);  // what was written so far stays

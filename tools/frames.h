@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "drawing.h"
 #include "input.h"
 #include "kvffmpeg/geometry.h"
 #include "kvffmpeg/timestamp.h"
@@ -17,6 +18,7 @@ struct FramesOptions {
     Timestamp start;     ///< Behind the start of the input, in microseconds. Nil: from the first picture on.
     std::uint64_t count = std::numeric_limits<std::uint64_t>::max();
     std::string filter;               ///< A filter graph for the pictures, before they are scaled.
+    DrawingOptions drawing;           ///< What is drawn onto the pictures after they are scaled.
     std::optional<rect_size_t> size;  ///< A side of -1 follows from the other one.
     std::string algorithm = "lanczos";
     std::optional<unsigned int> track;

@@ -131,10 +131,38 @@ void addSelectionOptions(CLI::App& command, FramesOptions& frames) {
         ->type_name("I");
 }
 
+void addDrawingOptions(CLI::App& command, DrawingOptions& drawing) {
+    command
+        .add_option("--key", drawing.key,
+                    "Replace what has about this colour by --background. SIMILARITY, 0 to 1\n"
+                    "(0.2), is how far other colours may be from it, BLEND, 0 to 1 (0.02),\n"
+                    "how softly the edge fades. Brightness does not count")
+        ->type_name("COLOR[:SIMILARITY[:BLEND]]");
+    command
+        .add_option("--background", drawing.background,
+                    "What shows where --key matches: a picture, which is scaled to the size\n"
+                    "of the others, or a colour. A file of that name comes before a colour")
+        ->type_name("FILE|COLOR");
+    command
+        .add_option("--fill", drawing.fills,
+                    "Fill a rectangle, replacing what is there, also by a transparent colour.\n"
+                    "May be given several times. In 4:2:0, as most video is, its edges are\n"
+                    "rounded down to even numbers")
+        ->type_name("X,Y,W,H,COLOR")
+        ->allow_extra_args(false);
+    command
+        .add_option("--overlay", drawing.overlays,
+                    "Draw this picture by its alpha, its top left corner at X,Y, which may be\n"
+                    "negative. May be given several times")
+        ->type_name("FILE@X,Y")
+        ->allow_extra_args(false);
+}
+
 CLI::App* addFrames(CLI::App& app, Options& options) {
     CLI::App* command = app.add_subcommand("frames", "Save the pictures of a video track as files");
     addInput(*command, options.frames.input, options);
     addPictureOptions(*command, options.frames);
+    addDrawingOptions(*command, options.frames.drawing);
     addSelectionOptions(*command, options.frames);
     command->footer(
         "Decoders of video with B-frames hold pictures back, and are not drained at the end of the\n"
@@ -145,10 +173,17 @@ CLI::App* addFrames(CLI::App& app, Options& options) {
         "settb=1/1000000,setpts=PTS/1000000 where time matters, as it does to fps. A graph is trusted:\n"
         "there are filters that read and write files.\n"
         "\n"
+        "What is given is applied in this order: --filter, --size, --key over --background, every --fill,\n"
+        "every --overlay, fills and overlays in the order in which they are given. Positions are pixels\n"
+        "of the pictures that are saved. Colours are names or hexadecimal: white, 0x00b140, red@0.5.\n"
+        "Pictures that are drawn on become 4:2:0 if they are 4:2:0 or keyed, and RGBA otherwise.\n"
+        "\n"
         "Examples:\n"
         "  kvffmpeg frames clip.mp4 -o pictures/%05d.png\n"
         "  kvffmpeg frames clip.mp4 -o thumbnail%d.jpg --start 1:30 --count 1 --size 320x-1\n"
-        "  kvffmpeg frames clip.mp4 -o framed%d.png --filter \"crop=200:100,pad=220:120:10:10:white\"");
+        "  kvffmpeg frames clip.mp4 -o framed%d.png --filter \"crop=200:100,pad=220:120:10:10:white\"\n"
+        "  kvffmpeg frames clip.mp4 -o titled%d.png --fill 0,140,320,40,navy --overlay logo.png@8,144\n"
+        "  kvffmpeg frames studio.mp4 -o beach%d.jpg --key 0x00b140 --background beach.jpg");
     return command;
 }
 

@@ -24,10 +24,10 @@ void requirePictureFormat(const std::string& path) {
     }
 }
 
-void refuseToOverwrite(const std::string& path, const std::string& inputName) {
+void refuseToOverwrite(const std::string& path, const std::string& name, const std::string& what) {
     std::error_code notThere;
-    if (std::filesystem::equivalent(path, inputName, notThere)) {
-        throw std::runtime_error(path + " is the input, and was not overwritten");
+    if (std::filesystem::equivalent(path, name, notThere)) {
+        throw std::runtime_error(path + " is " + what + ", and was not overwritten");
     }
 }
 

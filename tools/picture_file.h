@@ -10,7 +10,8 @@ namespace kvffmpeg::tool {
 /// @throws UsageError when the ending of `path` stands for none of them.
 void requirePictureFormat(const std::string& path);
 
-/// @throws std::runtime_error when `path` is the file that is being read.
-void refuseToOverwrite(const std::string& path, const std::string& inputName);
+/// @throws std::runtime_error when `path` is the file `name`, which is read: `what` it is, such as "the
+/// input", is in the text.
+void refuseToOverwrite(const std::string& path, const std::string& name, const std::string& what);
 
 }  // namespace kvffmpeg::tool

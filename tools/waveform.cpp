@@ -108,7 +108,7 @@ void saveWaveform(const WaveformOptions& options) {
     Picture picture = emptyPicture(options.size);
     Input input(options.input);
     requirePictureFormat(options.output);
-    refuseToOverwrite(options.output, options.input.url);
+    refuseToOverwrite(options.output, options.input.url, "the input");
     const unsigned int track = chooseTrack(input, AVMEDIA_TYPE_AUDIO, options.track);
     discardOthers(input.context(), track);
     const Peaks peaks = peaksOf(input, track, options.rate);

@@ -1,0 +1,114 @@
+#include "drawing.h"
+
+#include <stdexcept>
+
+#include "errors.h"
+#include "kvffmpeg/draw_utils.h"
+#include "kvffmpeg/image_utils.h"
+#include "kvffmpeg/utils.h"
+#include "picture_file.h"
+
+namespace kvffmpeg::tool {
+namespace {
+
+/// The picture in `path`, which `option` names.
+Picture load(const std::string& option, const std::string& path) {
+    Picture picture;
+    try {
+        picture = loadPicture(path);
+    } catch (const std::runtime_error& error) {
+        throw std::runtime_error(option + " " + path + ": " + error.what());
+    }
+    if (picture.empty()) throw std::runtime_error(option + " " + path + ": There is no picture in it");
+    return picture;
+}
+
+}  // namespace
+
+Drawing::Drawing(const DrawingOptions& options, Scaler::ScalingAlgorithm algorithm) : algorithm_(algorithm) {
+    if (options.key && !options.background) {
+        throw UsageError("--key: expected --background with it, a picture file or a colour");
+    }
+    if (options.background && !options.key) {
+        throw UsageError("--background: expected --key with it, the colour to replace");
+    }
+    if (options.key) key_ = parseKey(*options.key);
+    for (const std::string& text : options.fills) fills_.push_back(parseFill(text));
+    if (options.background) loadBackground(*options.background);
+    for (const std::string& text : options.overlays) loadOverlay(text);
+}
+
+void Drawing::loadBackground(const std::string& text) {
+    background_ = parseBackground(text);
+    if (!background_->path.empty()) backgroundPicture_ = load("--background", background_->path);
+}
+
+void Drawing::loadOverlay(const std::string& text) {
+    const OverlayArgument argument = parseOverlay(text);
+    const Picture loaded = load("--overlay", argument.path);
+    const Picture rgba = Scaler().convertToColorspace(loaded, AV_PIX_FMT_RGBA, AVCOL_RANGE_UNSPECIFIED);
+    if (rgba.empty()) {
+        throw std::runtime_error("--overlay " + argument.path + ": Could not convert " +
+                                 loaded.debugDescription());
+    }
+    overlays_.push_back({argument, rgba});
+}
+
+Picture Drawing::draw(const Picture& picture) {
+    if (isEmpty()) return picture;
+    Canvas canvas(frameScaler_, picture, key_.has_value());
+    prepareFor(canvas);
+    if (key_) drawKeyed(canvas);
+    for (const FillArgument& fill : fills_) {
+        DrawUtils::fillRectangle(canvas.picture(), canvas.onGrid(fill.area), fill.color);
+    }
+    for (const PlacedOverlay& overlay : preparedOverlays_) {
+        DrawUtils::compose(canvas.picture(), overlay.picture, overlay.position);
+    }
+    return canvas.result();
+}
+
+void Drawing::prepareFor(const Canvas& canvas) {
+    const rect_size_t size = canvas.size();
+    const AVPixelFormat format = canvas.picture().pixelFormat();
+    const AVColorRange range = canvas.picture().colorRange();
+    if (preparedSize_ == size && preparedFormat_ == format && preparedRange_ == range) return;
+    if (background_) preparedBackground_ = backgroundFor(canvas);
+    preparedOverlays_.clear();
+    for (const Overlay& overlay : overlays_) {
+        PlacedOverlay placed = canvas.place(overlay.picture, overlay.argument.position);
+        if (!placed.picture.empty()) preparedOverlays_.push_back(placed);
+    }
+    preparedSize_ = size;
+    preparedFormat_ = format;
+    preparedRange_ = range;
+}
+
+Picture Drawing::backgroundFor(const Canvas& canvas) const {
+    if (!backgroundPicture_.empty()) {
+        Scaler scaler;
+        scaler.setAlgorithm(algorithm_);
+        return canvas.matching(scaler, backgroundPicture_);
+    }
+    const Picture& like = canvas.picture();
+    Picture plain(like.size(), like.pixelFormat(), like.colorRange());
+    DrawUtils::fillRectangle(plain, background_->color);
+    return plain;
+}
+
+void Drawing::drawKeyed(Canvas& canvas) const {
+    const Picture keyed =
+        ImageUtils::chromaKeying(canvas.picture(), key_->color, key_->similarity, key_->blend);
+    canvas.picture() = preparedBackground_;
+    canvas.picture().makeEditable();
+    DrawUtils::compose(canvas.picture(), keyed, {0, 0});
+}
+
+void Drawing::refuseToOverwriteFiles(const std::string& path) const {
+    for (const Overlay& overlay : overlays_) {
+        refuseToOverwrite(path, overlay.argument.path, "an overlay");
+    }
+    if (background_) refuseToOverwrite(path, background_->path, "the background");
+}
+
+}  // namespace kvffmpeg::tool
