@@ -2,13 +2,14 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <functional>
 
 #include "kernels.h"
 
 namespace {
 
-using kvffmpeg::kernels::ChromaRow;
+using kvffmpeg::kernels::ChromaRows;
 using kvffmpeg::kernels::Variant;
 using std::int64_t;
 using std::ptrdiff_t;
@@ -25,6 +26,13 @@ struct Span {
     int64_t begin;
     int64_t end;
 };
+
+/// How many bytes of alpha luma and chroma are blended for in turns. Small images stay in the cache: there a
+/// turn is short, because more of the short ones are clear as a whole. From large ones memory delivers faster
+/// where it goes on in few places for longer; a turn's alpha then stays in the second cache.
+constexpr int64_t alphaBytesPerTurn(int64_t alphaBytes) noexcept {
+    return alphaBytes > (1 << 18) ? 1 << 17 : 1 << 13;
+}
 
 constexpr int chromaSize(int size) noexcept {
     return static_cast<int>((static_cast<int64_t>(size) + 1) >> 1);
@@ -72,18 +80,22 @@ struct ChromaArea {
           rows(top, height, chromaSize(destinationHeight)),
           columns(left, width, chromaSize(destinationWidth)) {}
 
-    /// Row `row`, which must be one of `rows`; `columns` must not be empty.
-    ChromaRow row(uint8_t* const destination[], const uint8_t* const overlay[],
-                  const int destinationLinesizes[], const int overlayLinesizes[],
-                  int64_t row) const noexcept {
-        ChromaRow result = {};
+    /// The rows from `begin` to `end`, which must be among `rows`; `columns` must not be empty.
+    ChromaRows part(uint8_t* const destination[], const uint8_t* const overlay[],
+                    const int destinationLinesizes[], const int overlayLinesizes[], int64_t begin,
+                    int64_t end) const noexcept {
+        ChromaRows result = {};
         for (int plane = 1; plane <= 2; ++plane) {
             result.destination[plane - 1] =
-                at(destination[plane], destinationLinesizes[plane], top + row, left + columns.begin);
-            result.source[plane - 1] = at(overlay[plane], overlayLinesizes[plane], row, columns.begin);
+                at(destination[plane], destinationLinesizes[plane], top + begin, left + columns.begin);
+            result.source[plane - 1] = at(overlay[plane], overlayLinesizes[plane], begin, columns.begin);
+            result.destinationLinesize[plane - 1] = destinationLinesizes[plane];
+            result.sourceLinesize[plane - 1] = overlayLinesizes[plane];
         }
-        result.upper = at(overlay[3], overlayLinesizes[3], 2 * row, 2 * columns.begin);
-        if (row + 1 < height) result.lower = result.upper + overlayLinesizes[3];
+        result.alpha = at(overlay[3], overlayLinesizes[3], 2 * begin, 2 * columns.begin);
+        result.alphaLinesize = overlayLinesizes[3];
+        result.rows = static_cast<ptrdiff_t>(end - begin);
+        result.endsOverlay = end == height;
         result.count = static_cast<ptrdiff_t>(columns.end - columns.begin);
         result.left = static_cast<ptrdiff_t>(width - columns.begin);
         return result;
@@ -103,10 +115,21 @@ void blend_plane_UV_420p_no_alpha_composite(uint8_t* const destination[], const 
                                             int overlayWidth, int overlayHeight, int destinationWidth,
                                             int destinationHeight, int plane, int x, int y) noexcept {
     const ChromaArea area(overlayWidth, overlayHeight, destinationWidth, destinationHeight, x, y);
-    if (area.columns.empty()) return;
-    for (int64_t row = area.rows.begin; row < area.rows.end; ++row) {
-        kvffmpeg::kernels::blendChromaPlane(
-            area.row(destination, overlay, destinationLinesizes, overlayLinesizes, row), plane - 1);
+    if (area.rows.empty() || area.columns.empty()) return;
+    kvffmpeg::kernels::blendChromaPlane(area.part(destination, overlay, destinationLinesizes,
+                                                  overlayLinesizes, area.rows.begin, area.rows.end),
+                                        plane - 1);
+}
+
+void copyChroma(const ChromaRows& area) noexcept {
+    for (int plane = 0; plane < 2; ++plane) {
+        uint8_t* to = area.destination[plane];
+        const uint8_t* from = area.source[plane];
+        for (ptrdiff_t row = 0; row < area.rows; ++row) {
+            std::memmove(to, from, static_cast<std::size_t>(area.count));
+            to += area.destinationLinesize[plane];
+            from += area.sourceLinesize[plane];
+        }
     }
 }
 
@@ -124,6 +147,10 @@ void blendPacked(PackedRow kernel, uint8_t* destination, int destinationLinesize
     const bool blocks =
         inBlocks(to, destinationLinesize, from, overlayLinesize, rows.end - rows.begin, 4 * count);
     const auto blendRow = (blocks ? kvffmpeg::kernels::active() : kvffmpeg::kernels::scalar).*kernel;
+    if (blocks && destinationLinesize == 4 * count && overlayLinesize == 4 * count) {
+        blendRow(to, from, static_cast<ptrdiff_t>(count * (rows.end - rows.begin)));  // rows without gaps
+        return;
+    }
     for (int64_t row = rows.begin; row < rows.end; ++row) {
         blendRow(to, from, static_cast<ptrdiff_t>(count));
         to += destinationLinesize;
@@ -144,11 +171,11 @@ void blend_image_yuva420(std::uint8_t* const destination[], const int destinatio
     // An overlay just beyond an odd edge is outside, although its first chroma samples would not be.
     if (rows.empty() || columns.empty()) return;
     const ChromaArea chroma(overlayWidth, overlayHeight, destinationWidth, destinationHeight, x, y);
-    const auto lumaRow = [&](const Variant& variant, int64_t row) {
-        variant.blendRow(at(destination[0], destinationLinesizes[0], y + row, x + columns.begin),
-                         at(overlay[0], overlayLinesizes[0], row, columns.begin),
-                         at(overlay[3], overlayLinesizes[3], row, columns.begin),
-                         static_cast<ptrdiff_t>(columns.end - columns.begin));
+    const auto lumaRow = [&](const Variant& variant, int64_t row, int64_t count) {
+        return variant.blendRow(at(destination[0], destinationLinesizes[0], y + row, x + columns.begin),
+                                at(overlay[0], overlayLinesizes[0], row, columns.begin),
+                                at(overlay[3], overlayLinesizes[3], row, columns.begin),
+                                static_cast<ptrdiff_t>(count));
     };
 
     bool blocks =
@@ -156,16 +183,17 @@ void blend_image_yuva420(std::uint8_t* const destination[], const int destinatio
                  destinationLinesizes[0], at(overlay[0], overlayLinesizes[0], rows.begin, columns.begin),
                  overlayLinesizes[0], rows.end - rows.begin, columns.end - columns.begin);
     if (!chroma.rows.empty() && !chroma.columns.empty()) {
-        const ChromaRow first =
-            chroma.row(destination, overlay, destinationLinesizes, overlayLinesizes, chroma.rows.begin);
+        const ChromaRows all = chroma.part(destination, overlay, destinationLinesizes, overlayLinesizes,
+                                           chroma.rows.begin, chroma.rows.end);
         for (int plane = 0; plane < 2; ++plane) {
-            blocks = blocks &&
-                     inBlocks(first.destination[plane], destinationLinesizes[plane + 1], first.source[plane],
-                              overlayLinesizes[plane + 1], chroma.rows.end - chroma.rows.begin, first.count);
+            blocks = blocks && inBlocks(all.destination[plane], destinationLinesizes[plane + 1],
+                                        all.source[plane], overlayLinesizes[plane + 1], all.rows, all.count);
         }
     }
     if (!blocks) {
-        for (int64_t row = rows.begin; row < rows.end; ++row) lumaRow(kernels::scalar, row);
+        for (int64_t row = rows.begin; row < rows.end; ++row) {
+            lumaRow(kernels::scalar, row, columns.end - columns.begin);
+        }
         for (const int plane : {1, 2}) {
             blend_plane_UV_420p_no_alpha_composite(destination, overlay, destinationLinesizes,
                                                    overlayLinesizes, overlayWidth, overlayHeight,
@@ -174,16 +202,41 @@ void blend_image_yuva420(std::uint8_t* const destination[], const int destinatio
         return;
     }
 
-    // Luma and chroma together, so that each row of alpha is fetched from memory once.
+    // Luma and chroma in turns of a few rows, so that alpha comes from memory once.
     const Variant& variant = kernels::active();
+    const int64_t width = columns.end - columns.begin;
+    const bool together =
+        destinationLinesizes[0] == width && overlayLinesizes[0] == width && overlayLinesizes[3] == width;
+    const int64_t pairsPerTurn =
+        std::max<int64_t>(alphaBytesPerTurn((rows.end - rows.begin) * width) / 2 / width, 1);
     const int64_t firstPair = std::min(rows.begin >> 1, chroma.rows.begin);
     const int64_t endPair = std::max((rows.end + 1) >> 1, chroma.rows.end);
-    for (int64_t pair = firstPair; pair < endPair; ++pair) {
-        const int64_t end = std::min(2 * pair + 2, rows.end);
-        for (int64_t row = std::max(2 * pair, rows.begin); row < end; ++row) lumaRow(variant, row);
-        if (pair >= chroma.rows.begin && pair < chroma.rows.end && !chroma.columns.empty()) {
-            variant.blendChromaRow(
-                chroma.row(destination, overlay, destinationLinesizes, overlayLinesizes, pair));
+    // Whether luma meets every alpha that chroma looks at.
+    const bool sameColumns = columns.begin <= 2 * chroma.columns.begin &&
+                             columns.end >= std::min<int64_t>(2 * chroma.columns.end, overlayWidth);
+    for (int64_t pair = firstPair; pair < endPair; pair += pairsPerTurn) {
+        const int64_t begin = std::max(2 * pair, rows.begin);
+        const int64_t end = std::min(2 * (pair + pairsPerTurn), rows.end);
+        unsigned seen = 0;
+        if (together && begin < end) {
+            seen = lumaRow(variant, begin, (end - begin) * width);
+        } else {
+            for (int64_t row = begin; row < end; ++row) seen |= lumaRow(variant, row, width);
+        }
+
+        const int64_t chromaBegin = std::max(pair, chroma.rows.begin);
+        const int64_t chromaEnd = std::min(pair + pairsPerTurn, chroma.rows.end);
+        if (chroma.columns.empty() || chromaBegin >= chromaEnd) continue;
+        const bool sameRows =
+            begin <= 2 * chromaBegin && end >= std::min<int64_t>(2 * chromaEnd, overlayHeight);
+        if (!sameRows || !sameColumns) seen = kernels::someNotClear | kernels::someNotOpaque;
+        if ((seen & kernels::someNotClear) == 0) continue;
+        const ChromaRows part =
+            chroma.part(destination, overlay, destinationLinesizes, overlayLinesizes, chromaBegin, chromaEnd);
+        if ((seen & kernels::someNotOpaque) != 0) {
+            variant.blendChromaRows(part);
+        } else {
+            copyChroma(part);
         }
     }
 }

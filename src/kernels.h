@@ -3,18 +3,29 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "mask_kernels.h"
+
 namespace kvffmpeg {
 namespace kernels {
 
-/// A row of chroma of a 4:2:0 blend, U and V together because they share their alphas. All pointers are at
-/// the first column that is blended.
-struct ChromaRow {
+/// Rows of chroma of a 4:2:0 blend, U and V together because they share their alphas. All pointers are at the
+/// first column and row that are blended.
+struct ChromaRows {
     std::uint8_t* destination[2];
     const std::uint8_t* source[2];
-    const std::uint8_t* upper;  ///< Alpha of the luma row 2r, at twice the first chroma column.
-    const std::uint8_t* lower;  ///< Of the luma row 2r + 1; null in the overlay's last row of chroma.
-    std::ptrdiff_t count;       ///< Columns to blend.
-    std::ptrdiff_t left;        ///< Columns of the overlay from here on, at least `count`.
+    std::ptrdiff_t destinationLinesize[2];
+    std::ptrdiff_t sourceLinesize[2];
+    const std::uint8_t* alpha;  ///< In luma's resolution, at twice the first chroma column and row.
+    std::ptrdiff_t alphaLinesize;
+    std::ptrdiff_t rows;
+    bool endsOverlay;      ///< Whether the last of these rows is the overlay's last.
+    std::ptrdiff_t count;  ///< Columns to blend.
+    std::ptrdiff_t left;   ///< Columns of the overlay from the first one on, at least `count`.
+
+    /// The row of alpha below the upper one, or null in the overlay's last row.
+    const std::uint8_t* lowerAlpha(std::ptrdiff_t row, const std::uint8_t* upper) const noexcept {
+        return endsOverlay && row + 1 == rows ? nullptr : upper + alphaLinesize;
+    }
 };
 
 /// How alpha follows from the squared distance d to the key colour.
@@ -31,6 +42,12 @@ struct KeyRule {
 /// Completes the rule. Not soft for a divisor that is not more than 0.
 KeyRule keyRule(std::uint8_t u, std::uint8_t v, int threshold, float divisor) noexcept;
 
+/// What a row of alpha holds.
+enum AlphaSeen : unsigned {
+    someNotClear = 1,   ///< An alpha other than 0.
+    someNotOpaque = 2,  ///< An alpha other than 255.
+};
+
 /// The inner loops in one way of writing them. All variants give the same bytes and touch no byte beyond the
 /// counts given, which may be 0. Destination and source may be the same, but must not overlap otherwise;
 /// only the scalar variant, which goes sample by sample from the left, takes any overlap.
@@ -38,10 +55,10 @@ struct Variant {
     const char* name;
     bool (*supported)() noexcept;  ///< Whether this CPU runs it.
 
-    /// `count` samples of one byte.
-    void (*blendRow)(std::uint8_t* destination, const std::uint8_t* source, const std::uint8_t* alpha,
-                     std::ptrdiff_t count);
-    void (*blendChromaRow)(const ChromaRow& row);
+    /// `count` samples of one byte. Returns which of `AlphaSeen` were among the alphas, or might have been.
+    unsigned (*blendRow)(std::uint8_t* destination, const std::uint8_t* source, const std::uint8_t* alpha,
+                         std::ptrdiff_t count);
+    void (*blendChromaRows)(const ChromaRows& area);
     /// `count` pixels of four bytes, alpha last.
     void (*blendRgbaRow)(std::uint8_t* destination, const std::uint8_t* source, std::ptrdiff_t count);
     /// `count` pixels of four bytes, alpha first.
@@ -56,10 +73,12 @@ struct Variant {
                    std::ptrdiff_t count, const KeyRule& rule);
     /// Replaces each of `count` bytes by its entry in the table of 256.
     void (*mapRow)(std::uint8_t* row, std::ptrdiff_t count, const std::uint8_t* table);
+
+    const MaskKernels* masks;
 };
 
-/// The scalar `blendChromaRow` for U (0) or V (1) alone.
-void blendChromaPlane(const ChromaRow& row, int plane);
+/// The scalar `blendChromaRows` for U (0) or V (1) alone.
+void blendChromaPlane(const ChromaRows& area, int plane);
 
 extern const Variant scalar;
 extern const Variant avx2;

@@ -41,19 +41,33 @@ enum class Rounding { nearest, down };
 // (D * (255 - a) + S * a) / 255. The samples are taken as signed, less 128, so that one multiplication of
 // bytes with addition of neighbours gives the sum less 128 * 255, which fits in 16 bits. (t * 257) >> 16 is
 // t / 255 rounded down after 1 was added, or to nearest after 128.
+// What a run of alphas multiplies the samples with, for U and V alike.
+struct Weights {
+    explicit Weights(V alpha) {
+        const V rest = _mm256_xor_si256(alpha, ones());
+        low = _mm256_unpacklo_epi8(rest, alpha);
+        high = _mm256_unpackhi_epi8(rest, alpha);
+    }
+    V low;
+    V high;
+};
+
 template <Rounding rounding>
-V blended(V destination, V source, V alpha) {
+V blended(V destination, V source, const Weights& weights) {
     const V bit7 = _mm256_set1_epi8(-128);
     const V scale = _mm256_set1_epi16(257);
     const V d = _mm256_xor_si256(destination, bit7);
     const V s = _mm256_xor_si256(source, bit7);
-    const V rest = _mm256_xor_si256(alpha, ones());
-    V low = _mm256_maddubs_epi16(_mm256_unpacklo_epi8(rest, alpha), _mm256_unpacklo_epi8(d, s));
-    V high = _mm256_maddubs_epi16(_mm256_unpackhi_epi8(rest, alpha), _mm256_unpackhi_epi8(d, s));
+    V low = _mm256_maddubs_epi16(weights.low, _mm256_unpacklo_epi8(d, s));
+    V high = _mm256_maddubs_epi16(weights.high, _mm256_unpackhi_epi8(d, s));
     const V bias = _mm256_set1_epi16(rounding == Rounding::nearest ? -32768 : 32641);
     low = _mm256_mulhi_epu16(_mm256_add_epi16(low, bias), scale);
     high = _mm256_mulhi_epu16(_mm256_add_epi16(high, bias), scale);
     return _mm256_packus_epi16(low, high);
+}
+template <Rounding rounding>
+V blended(V destination, V source, V alpha) {
+    return blended<rounding>(destination, source, Weights(alpha));
 }
 template <Rounding rounding>
 Half blended(Half destination, Half source, Half alpha) {
@@ -70,14 +84,59 @@ Half blended(Half destination, Half source, Half alpha) {
     return _mm_packus_epi16(low, high);
 }
 
-void blendRow(uint8_t* destination, const uint8_t* source, const uint8_t* alpha, ptrdiff_t count) {
+// Whether a run that begins with this alpha can be all clear or all opaque. Asked first, because it costs
+// less than to look at all.
+bool mayBeUniform(uint8_t alpha) {
+    return static_cast<uint8_t>(alpha + 1) <= 1;
+}
+
+// For how many blocks after the last that was not clear the memory of clear ones is asked for all the same:
+// the CPU loses track of what is skipped, and has to wait for memory where the next ones begin.
+constexpr int follow = 32;
+
+void askFor(const uint8_t* bytes) {
+    _mm_prefetch(reinterpret_cast<const char*>(bytes), _MM_HINT_T0);
+}
+
+unsigned blendRow(uint8_t* destination, const uint8_t* source, const uint8_t* alpha, ptrdiff_t count) {
+    unsigned seen = 0;
+    int asked = follow;
     ptrdiff_t i = 0;
-    for (; i + 32 <= count; i += 32) {
-        const V a = load(alpha + i);
-        if (isZero(a)) continue;
-        V result = load(source + i);
-        if (!isOnes(a)) result = blended<Rounding::nearest>(load(destination + i), result, a);
-        store(destination + i, result);
+    // Two vectors at a time: to look at the alphas of one takes as long.
+    for (; i + 64 <= count; i += 64) {
+        const V alpha0 = load(alpha + i);
+        const V alpha1 = load(alpha + i + 32);
+        if (mayBeUniform(alpha[i])) {
+            if (isZero(_mm256_or_si256(alpha0, alpha1))) {
+                seen |= someNotOpaque;
+                if (asked < follow) {
+                    ++asked;
+                    askFor(destination + i);
+                    askFor(source + i);
+                }
+                continue;
+            }
+            asked = 0;
+            if (isOnes(_mm256_and_si256(alpha0, alpha1))) {
+                seen |= someNotClear;
+                store(destination + i, load(source + i));
+                store(destination + i + 32, load(source + i + 32));
+                continue;
+            }
+        }
+        asked = 0;
+        seen |= someNotClear | someNotOpaque;
+        const V result0 = blended<Rounding::nearest>(load(destination + i), load(source + i), alpha0);
+        const V result1 =
+            blended<Rounding::nearest>(load(destination + i + 32), load(source + i + 32), alpha1);
+        store(destination + i, result0);
+        store(destination + i + 32, result1);
+    }
+    if (i == count) return seen;
+    if (i + 32 <= count) {
+        store(destination + i,
+              blended<Rounding::nearest>(load(destination + i), load(source + i), load(alpha + i)));
+        i += 32;
     }
     if (i + 16 <= count) {
         storeHalf(destination + i, blended<Rounding::nearest>(loadHalf(destination + i), loadHalf(source + i),
@@ -94,6 +153,7 @@ void blendRow(uint8_t* destination, const uint8_t* source, const uint8_t* alpha,
         i += 8;
     }
     scalar.blendRow(destination + i, source + i, alpha + i, count - i);
+    return someNotClear | someNotOpaque;
 }
 
 // The alphas of 16 chroma samples as 16-bit numbers, from 32 bytes of each row of alpha.
@@ -116,20 +176,31 @@ V loadAlpha(const uint8_t* from, bool endsRow) {
     return _mm256_inserti128_si256(_mm256_castsi128_si256(loadHalf(from)), second, 1);
 }
 
-int lastColumnAlpha(const ChromaRow& row) {
+// A row of chroma as the vectors take it.
+struct ChromaRow {
+    uint8_t* destination[2];
+    const uint8_t* source[2];
+    const uint8_t* upper;
+    const uint8_t* lower;  // null in the overlay's last row
+    ptrdiff_t count;
+    ptrdiff_t left;
+};
+
+int lastColumnAlpha(ChromaRow row) {
     const uint8_t* upper = row.upper + 2 * (row.left - 1);
     if (!row.lower) return upper[0];
     const uint8_t* lower = row.lower + 2 * (row.left - 1);
     return (upper[0] + ((lower[0] + upper[0]) >> 1)) >> 1;
 }
 
-void blendChromaRow(const ChromaRow& row) {
+// Takes the row by value: what is reached through a reference, a store of bytes might have changed.
+void blendChromaRow(const ChromaRow row) {
     ptrdiff_t c = 0;
     for (; c + 32 <= row.count; c += 32) {
         const bool endsRow = c + 32 == row.left;
         const V upper0 = load(row.upper + 2 * c);
         const V upper1 = loadAlpha(row.upper + 2 * c + 32, endsRow);
-        if (c + 33 < row.left) {
+        if (mayBeUniform(row.upper[2 * c]) && c + 33 < row.left) {
             if (isZero(_mm256_or_si256(upper0, upper1))) continue;
             if (isOnes(_mm256_and_si256(upper0, upper1))) {
                 for (int plane = 0; plane < 2; ++plane) {
@@ -150,10 +221,11 @@ void blendChromaRow(const ChromaRow& row) {
         V alpha = _mm256_permute4x64_epi64(_mm256_packus_epi16(alpha0, alpha1), 0xD8);
         if (endsRow) alpha = _mm256_insert_epi8(alpha, static_cast<char>(lastColumnAlpha(row)), 31);
         if (isZero(alpha)) continue;
+        const Weights weights(alpha);
         for (int plane = 0; plane < 2; ++plane) {
             uint8_t* destination = row.destination[plane] + c;
             store(destination,
-                  blended<Rounding::nearest>(load(destination), load(row.source[plane] + c), alpha));
+                  blended<Rounding::nearest>(load(destination), load(row.source[plane] + c), weights));
         }
     }
     if (c + 16 <= row.count) {
@@ -161,7 +233,7 @@ void blendChromaRow(const ChromaRow& row) {
         const V upper = loadAlpha(row.upper + 2 * c, endsRow);
         const V wide = row.lower ? averages(upper, loadAlpha(row.lower + 2 * c, endsRow)) : averages(upper);
         Half alpha = _mm_packus_epi16(_mm256_castsi256_si128(wide), _mm256_extracti128_si256(wide, 1));
-        if (endsRow) alpha = _mm_insert_epi8(alpha, lastColumnAlpha(row), 15);
+        if (endsRow) alpha = _mm_insert_epi8(alpha, static_cast<char>(lastColumnAlpha(row)), 15);
         for (int plane = 0; plane < 2; ++plane) {
             uint8_t* destination = row.destination[plane] + c;
             storeHalf(destination, blended<Rounding::nearest>(loadHalf(destination),
@@ -169,16 +241,37 @@ void blendChromaRow(const ChromaRow& row) {
         }
         c += 16;
     }
-    ChromaRow rest = row;
-    for (int plane = 0; plane < 2; ++plane) {
-        rest.destination[plane] += c;
-        rest.source[plane] += c;
+    if (c == row.count) return;
+    // Fewer than 16, so that no run is left.
+    const ChromaRows rest = {{row.destination[0] + c, row.destination[1] + c},
+                             {row.source[0] + c, row.source[1] + c},
+                             {},
+                             {},
+                             row.upper + 2 * c,
+                             row.lower ? row.lower - row.upper : 0,
+                             1,
+                             row.lower == nullptr,
+                             row.count - c,
+                             row.left - c};
+    scalar.blendChromaRows(rest);
+}
+
+void blendChromaRows(const ChromaRows& area) {
+    ChromaRow row = {{area.destination[0], area.destination[1]},
+                     {area.source[0], area.source[1]},
+                     area.alpha,
+                     nullptr,
+                     area.count,
+                     area.left};
+    for (ptrdiff_t r = 0; r < area.rows; ++r) {
+        row.lower = area.lowerAlpha(r, row.upper);
+        blendChromaRow(row);
+        for (int plane = 0; plane < 2; ++plane) {
+            row.destination[plane] += area.destinationLinesize[plane];
+            row.source[plane] += area.sourceLinesize[plane];
+        }
+        row.upper += 2 * area.alphaLinesize;
     }
-    rest.upper += 2 * c;
-    if (rest.lower) rest.lower += 2 * c;
-    rest.count -= c;
-    rest.left -= c;
-    scalar.blendChromaRow(rest);  // fewer than 16, so that no run is left
 }
 
 // With an alpha of 0 for the alpha byte itself, the blend keeps the destination's.
@@ -196,18 +289,40 @@ template <int alphaByte>
 void blendPackedRow(uint8_t* destination, const uint8_t* source, ptrdiff_t count) {
     const V spread = _mm256_broadcastsi128_si256(alphaSpread<alphaByte>());
     const V mask = _mm256_set1_epi32(alphaByte == 0 ? 255 : static_cast<int>(0xFF000000U));
+    int asked = follow;
     ptrdiff_t i = 0;
-    for (; i + 8 <= count; i += 8) {
-        const V s = load(source + 4 * i);
-        if (_mm256_testz_si256(s, mask) != 0) continue;
-        const V d = load(destination + 4 * i);
-        V result;
-        if (_mm256_testc_si256(s, mask) != 0) {
-            result = _mm256_blendv_epi8(s, d, mask);
-        } else {
-            result = blended<Rounding::nearest>(d, s, _mm256_shuffle_epi8(s, spread));
+    for (; i + 16 <= count; i += 16) {
+        const V source0 = load(source + 4 * i);
+        const V source1 = load(source + 4 * i + 32);
+        if (mayBeUniform(source[4 * i + alphaByte])) {
+            if (_mm256_testz_si256(_mm256_or_si256(source0, source1), mask) != 0) {
+                if (asked < follow) {
+                    ++asked;
+                    askFor(destination + 4 * i);
+                }
+                continue;
+            }
+            if (_mm256_testc_si256(_mm256_and_si256(source0, source1), mask) != 0) {
+                asked = 0;
+                store(destination + 4 * i, _mm256_blendv_epi8(source0, load(destination + 4 * i), mask));
+                store(destination + 4 * i + 32,
+                      _mm256_blendv_epi8(source1, load(destination + 4 * i + 32), mask));
+                continue;
+            }
         }
-        store(destination + 4 * i, result);
+        asked = 0;
+        const V result0 = blended<Rounding::nearest>(load(destination + 4 * i), source0,
+                                                     _mm256_shuffle_epi8(source0, spread));
+        const V result1 = blended<Rounding::nearest>(load(destination + 4 * i + 32), source1,
+                                                     _mm256_shuffle_epi8(source1, spread));
+        store(destination + 4 * i, result0);
+        store(destination + 4 * i + 32, result1);
+    }
+    if (i + 8 <= count) {
+        const V s = load(source + 4 * i);
+        store(destination + 4 * i,
+              blended<Rounding::nearest>(load(destination + 4 * i), s, _mm256_shuffle_epi8(s, spread)));
+        i += 8;
     }
     if (i + 4 <= count) {
         const Half s = loadHalf(source + 4 * i);
@@ -381,8 +496,8 @@ bool supported() noexcept {
 }  // namespace
 
 const Variant avx2 = {
-    "avx2",     supported, blendRow, blendChromaRow, blendPackedRow<3>, blendPackedRow<0>,
-    composeRow, keyRow,    mapRow,
+    "avx2",     supported, blendRow, blendChromaRows, blendPackedRow<3>, blendPackedRow<0>,
+    composeRow, keyRow,    mapRow,   &avx2Masks,
 };
 
 }  // namespace kernels

@@ -35,6 +35,12 @@ Half loadHalf(const uint8_t* from) {
 Half loadHalf(const uint8_t* from, HalfMask lanes) {
     return _mm256_maskz_loadu_epi8(lanes, from);
 }
+void store(uint8_t* to, V value) {
+    _mm512_storeu_si512(to, value);
+}
+void storeHalf(uint8_t* to, Half value) {
+    _mm256_storeu_si256(reinterpret_cast<Half*>(to), value);
+}
 V ones() {
     return _mm512_set1_epi8(-1);
 }
@@ -45,54 +51,159 @@ enum class Rounding { nearest, down };
 // bytes with addition of neighbours gives the sum less 128 * 255, which fits in 16 bits. (t * 257) >> 16 is
 // t / 255 rounded down after 1 was added, or to nearest after 128.
 template <Rounding rounding>
-V blended(V destination, V source, V alpha) {
-    const V bit7 = _mm512_set1_epi8(-128);
-    const V scale = _mm512_set1_epi16(257);
-    const V d = _mm512_xor_si512(destination, bit7);
-    const V s = _mm512_xor_si512(source, bit7);
-    const V rest = _mm512_xor_si512(alpha, ones());
-    V low = _mm512_maddubs_epi16(_mm512_unpacklo_epi8(rest, alpha), _mm512_unpacklo_epi8(d, s));
-    V high = _mm512_maddubs_epi16(_mm512_unpackhi_epi8(rest, alpha), _mm512_unpackhi_epi8(d, s));
-    const V bias = _mm512_set1_epi16(rounding == Rounding::nearest ? -32768 : 32641);
-    low = _mm512_mulhi_epu16(_mm512_add_epi16(low, bias), scale);
-    high = _mm512_mulhi_epu16(_mm512_add_epi16(high, bias), scale);
-    return _mm512_packus_epi16(low, high);
+class Blender {
+public:
+    // What the samples are multiplied with.
+    struct Weights {
+        V low;
+        V high;
+    };
+    struct HalfWeights {
+        Half low;
+        Half high;
+    };
+
+    Blender() {
+        // So that the compiler does not know them. GCC would form the constants anew in every round of a
+        // loop; and where it knows that all bits are inverted, it writes an instruction that takes its own
+        // target for an input, so that each round waits for the one before.
+        asm("" : "+v"(bit7_), "+v"(ones_), "+v"(bias_), "+v"(scale_));
+    }
+
+    Weights weights(V alpha) const {
+        const V rest = _mm512_xor_si512(alpha, ones_);
+        return {_mm512_unpacklo_epi8(rest, alpha), _mm512_unpackhi_epi8(rest, alpha)};
+    }
+    HalfWeights weights(Half alpha) const {
+        const Half rest = _mm256_xor_si256(alpha, half(ones_));
+        return {_mm256_unpacklo_epi8(rest, alpha), _mm256_unpackhi_epi8(rest, alpha)};
+    }
+
+    V operator()(V destination, V source, const Weights& weights) const {
+        const V d = _mm512_xor_si512(destination, bit7_);
+        const V s = _mm512_xor_si512(source, bit7_);
+        V low = _mm512_maddubs_epi16(weights.low, _mm512_unpacklo_epi8(d, s));
+        V high = _mm512_maddubs_epi16(weights.high, _mm512_unpackhi_epi8(d, s));
+        low = _mm512_mulhi_epu16(_mm512_add_epi16(low, bias_), scale_);
+        high = _mm512_mulhi_epu16(_mm512_add_epi16(high, bias_), scale_);
+        return _mm512_packus_epi16(low, high);
+    }
+    Half operator()(Half destination, Half source, const HalfWeights& weights) const {
+        const Half d = _mm256_xor_si256(destination, half(bit7_));
+        const Half s = _mm256_xor_si256(source, half(bit7_));
+        Half low = _mm256_maddubs_epi16(weights.low, _mm256_unpacklo_epi8(d, s));
+        Half high = _mm256_maddubs_epi16(weights.high, _mm256_unpackhi_epi8(d, s));
+        low = _mm256_mulhi_epu16(_mm256_add_epi16(low, half(bias_)), half(scale_));
+        high = _mm256_mulhi_epu16(_mm256_add_epi16(high, half(bias_)), half(scale_));
+        return _mm256_packus_epi16(low, high);
+    }
+    V operator()(V destination, V source, V alpha) const {
+        return (*this)(destination, source, weights(alpha));
+    }
+
+private:
+    static Half half(V value) { return _mm512_castsi512_si256(value); }
+
+    V bit7_ = _mm512_set1_epi8(-128);
+    V ones_ = _mm512_set1_epi8(-1);
+    V bias_ = _mm512_set1_epi16(rounding == Rounding::nearest ? -32768 : 32641);
+    V scale_ = _mm512_set1_epi16(257);
+};
+using NearestBlender = Blender<Rounding::nearest>;
+
+bool anyLane(V value) {
+    return _mm512_test_epi32_mask(value, value) != 0;
 }
-template <Rounding rounding>
-Half blended(Half destination, Half source, Half alpha) {
-    const Half bit7 = _mm256_set1_epi8(-128);
-    const Half scale = _mm256_set1_epi16(257);
-    const Half d = _mm256_xor_si256(destination, bit7);
-    const Half s = _mm256_xor_si256(source, bit7);
-    const Half rest = _mm256_xor_si256(alpha, _mm256_set1_epi8(-1));
-    Half low = _mm256_maddubs_epi16(_mm256_unpacklo_epi8(rest, alpha), _mm256_unpacklo_epi8(d, s));
-    Half high = _mm256_maddubs_epi16(_mm256_unpackhi_epi8(rest, alpha), _mm256_unpackhi_epi8(d, s));
-    const Half bias = _mm256_set1_epi16(rounding == Rounding::nearest ? -32768 : 32641);
-    low = _mm256_mulhi_epu16(_mm256_add_epi16(low, bias), scale);
-    high = _mm256_mulhi_epu16(_mm256_add_epi16(high, bias), scale);
-    return _mm256_packus_epi16(low, high);
+bool allOnes(V value) {
+    return _mm512_cmpneq_epi32_mask(value, ones()) == 0;
 }
 
-void blendRow(uint8_t* destination, const uint8_t* source, const uint8_t* alpha, ptrdiff_t count) {
-    ptrdiff_t i = 0;
-    for (; i + 64 <= count; i += 64) {
-        const V a = load(alpha + i);
-        if (_mm512_test_epi8_mask(a, a) == 0) continue;
-        V result = load(source + i);
-        if (_mm512_cmpneq_epi8_mask(a, ones()) != 0) {
-            result = blended<Rounding::nearest>(load(destination + i), result, a);
+// Whether a run that begins with this alpha can be all clear or all opaque. Asked first, because it costs
+// less than to look at all.
+bool mayBeUniform(uint8_t alpha) {
+    return static_cast<uint8_t>(alpha + 1) <= 1;
+}
+
+// Blends, copies or skips 64 samples.
+unsigned blendBlock(const NearestBlender& blended, uint8_t* destination, const uint8_t* source,
+                    uint8_t firstAlpha, V alpha) {
+    if (mayBeUniform(firstAlpha)) {
+        if (!anyLane(alpha)) return someNotOpaque;
+        if (allOnes(alpha)) {
+            store(destination, load(source));
+            return someNotClear;
         }
-        _mm512_storeu_si512(destination + i, result);
+    }
+    store(destination, blended(load(destination), load(source), alpha));
+    return someNotClear | someNotOpaque;
+}
+
+// For how many blocks after the last that was not clear the memory of clear ones is asked for all the same:
+// the CPU loses track of what is skipped, and has to wait for memory where the next ones begin.
+constexpr int follow = 16;
+
+void askFor(const uint8_t* bytes) {
+    _mm_prefetch(reinterpret_cast<const char*>(bytes), _MM_HINT_T0);
+    _mm_prefetch(reinterpret_cast<const char*>(bytes + 64), _MM_HINT_T0);
+}
+
+unsigned blendRow(uint8_t* destination, const uint8_t* source, const uint8_t* alpha, ptrdiff_t count) {
+    const NearestBlender blended;
+    unsigned seen = 0;
+    int asked = follow;
+    ptrdiff_t i = 0;
+    for (; i + 128 <= count; i += 128) {
+        const V alpha0 = load(alpha + i);
+        const V alpha1 = load(alpha + i + 64);
+        if (mayBeUniform(alpha[i])) {
+            if (!anyLane(_mm512_or_si512(alpha0, alpha1))) {
+                seen |= someNotOpaque;
+                if (asked < follow) {
+                    ++asked;
+                    askFor(destination + i);
+                    askFor(source + i);
+                }
+                continue;
+            }
+            if (allOnes(_mm512_and_si512(alpha0, alpha1))) {
+                seen |= someNotClear;
+                asked = 0;
+                store(destination + i, load(source + i));
+                store(destination + i + 64, load(source + i + 64));
+                continue;
+            }
+        }
+        asked = 0;
+        seen |= blendBlock(blended, destination + i, source + i, alpha[i], alpha0);
+        seen |= blendBlock(blended, destination + i + 64, source + i + 64, alpha[i + 64], alpha1);
+    }
+    if (i + 64 <= count) {
+        seen |= blendBlock(blended, destination + i, source + i, alpha[i], load(alpha + i));
+        i += 64;
     }
     if (i < count) {
         const Mask lanes = firstLanes(count - i);
-        const V result = blended<Rounding::nearest>(load(destination + i, lanes), load(source + i, lanes),
-                                                    load(alpha + i, lanes));
+        const V a = load(alpha + i, lanes);
+        seen |= someNotOpaque;  // perhaps
+        if (!anyLane(a)) return seen;
+        seen |= someNotClear;
+        const V result = blended(load(destination + i, lanes), load(source + i, lanes), a);
         _mm512_mask_storeu_epi8(destination + i, lanes, result);
     }
+    return seen;
 }
 
-int lastColumnAlpha(const ChromaRow& row) {
+// A row of chroma as the vectors take it.
+struct ChromaRow {
+    uint8_t* destination[2];
+    const uint8_t* source[2];
+    const uint8_t* upper;
+    const uint8_t* lower;  // null in the overlay's last row
+    ptrdiff_t count;
+    ptrdiff_t left;
+};
+
+int lastColumnAlpha(ChromaRow row) {
     const uint8_t* upper = row.upper + 2 * (row.left - 1);
     if (!row.lower) return upper[0];
     const uint8_t* lower = row.lower + 2 * (row.left - 1);
@@ -100,48 +211,146 @@ int lastColumnAlpha(const ChromaRow& row) {
 }
 
 // The alphas of 32 chroma samples, from a row of 64 and the one below it, if any.
-Half chromaAlphas(V upper, const uint8_t* lower, Mask lanes) {
+template <bool hasLower>
+V chromaAlphaWords(V upper, V lower) {
     const V one = _mm512_set1_epi8(1);
-    V sum = _mm512_maddubs_epi16(upper, one);
-    if (lower) {
-        sum = _mm512_add_epi16(sum, _mm512_maddubs_epi16(load(lower, lanes), one));
-        return _mm512_cvtepi16_epi8(_mm512_srli_epi16(sum, 2));
-    }
+    const V sum = _mm512_maddubs_epi16(upper, one);
+    if (hasLower) return _mm512_srli_epi16(_mm512_add_epi16(sum, _mm512_maddubs_epi16(lower, one)), 2);
     const V first = _mm512_and_si512(upper, _mm512_set1_epi16(255));
-    sum = _mm512_add_epi16(first, _mm512_srli_epi16(sum, 1));
-    return _mm512_cvtepi16_epi8(_mm512_srli_epi16(sum, 1));
+    return _mm512_srli_epi16(_mm512_add_epi16(first, _mm512_srli_epi16(sum, 1)), 1);
+}
+template <bool hasLower>
+Half chromaAlphas(V upper, V lower) {
+    return _mm512_cvtepi16_epi8(chromaAlphaWords<hasLower>(upper, lower));
 }
 
-void blendChromaRow(const ChromaRow& row) {
-    for (ptrdiff_t c = 0; c < row.count; c += 32) {
-        const ptrdiff_t columns = row.count - c < 32 ? row.count - c : 32;
-        const HalfMask lanes = firstHalfLanes(columns);
-        const bool endsRow = c + columns == row.left;
-        // The overlay's width may be odd: its last column of chroma then covers one of alpha.
-        const Mask alphaLanes = firstLanes(endsRow ? 2 * columns - 1 : 2 * columns);
-        const V upper = load(row.upper + 2 * c, alphaLanes);
-        if (columns == 32 && c + 33 < row.left) {
-            if (_mm512_test_epi8_mask(upper, upper) == 0) continue;
-            if (_mm512_cmpneq_epi8_mask(upper, ones()) == 0) {
-                for (int plane = 0; plane < 2; ++plane) {
-                    const Half source = loadHalf(row.source[plane] + c, lanes);
-                    _mm256_mask_storeu_epi8(row.destination[plane] + c, lanes, source);
+// The same for 64.
+template <bool hasLower>
+V chromaAlphas(V upper0, V upper1, V lower0, V lower1) {
+    const V words0 = chromaAlphaWords<hasLower>(upper0, lower0);
+    const V words1 = chromaAlphaWords<hasLower>(upper1, lower1);
+    const V order = _mm512_setr_epi64(0, 2, 4, 6, 1, 3, 5, 7);
+    return _mm512_permutexvar_epi64(order, _mm512_packus_epi16(words0, words1));
+}
+
+// Blends 32 columns of U and V.
+void blendChromaRun(const NearestBlender& blended, ChromaRow row, ptrdiff_t column, Half alpha) {
+    const auto weights = blended.weights(alpha);
+    for (int plane = 0; plane < 2; ++plane) {
+        uint8_t* destination = row.destination[plane] + column;
+        storeHalf(destination, blended(loadHalf(destination), loadHalf(row.source[plane] + column), weights));
+    }
+}
+
+// The same for 64.
+void blendChromaRun(const NearestBlender& blended, ChromaRow row, ptrdiff_t column, V alpha) {
+    const auto weights = blended.weights(alpha);
+    for (int plane = 0; plane < 2; ++plane) {
+        uint8_t* destination = row.destination[plane] + column;
+        store(destination, blended(load(destination), load(row.source[plane] + column), weights));
+    }
+}
+
+// The same for fewer than 32, which are the first lanes.
+void blendChromaRun(const NearestBlender& blended, ChromaRow row, ptrdiff_t column, Half alpha,
+                    HalfMask lanes) {
+    const auto weights = blended.weights(alpha);
+    for (int plane = 0; plane < 2; ++plane) {
+        uint8_t* destination = row.destination[plane] + column;
+        const Half source = loadHalf(row.source[plane] + column, lanes);
+        _mm256_mask_storeu_epi8(destination, lanes, blended(loadHalf(destination, lanes), source, weights));
+    }
+}
+
+// Whether the run of 32 that begins here must be looked at, as its upper alphas may decide alone.
+bool mayBeDecided(ChromaRow row, ptrdiff_t column) {
+    return mayBeUniform(row.upper[2 * column]) && column + 33 < row.left;
+}
+
+// Takes the row by value: what is reached through a reference, a store of bytes might have changed.
+template <bool hasLower>
+void blendChroma(const NearestBlender& blended, const ChromaRow row) {
+    // The overlay's width may be odd: its last column of chroma then covers one of alpha.
+    constexpr Mask allButLast = ~Mask{0} >> 1;
+    const auto lower = [&](ptrdiff_t byte) { return hasLower ? load(row.lower + byte) : V{}; };
+    const bool endsOverlay = row.count == row.left;
+    ptrdiff_t c = 0;
+    while (c + 32 <= row.count && c + 32 < row.left) {
+        const ptrdiff_t byte = 2 * c;
+        const V upper0 = load(row.upper + byte);
+        if (mayBeDecided(row, c)) {
+            const bool clear = !anyLane(upper0);
+            if (clear || allOnes(upper0)) {
+                for (int plane = 0; plane < 2 && !clear; ++plane) {
+                    storeHalf(row.destination[plane] + c, loadHalf(row.source[plane] + c));
                 }
+                c += 32;
                 continue;
             }
         }
-        Half alpha = chromaAlphas(upper, row.lower ? row.lower + 2 * c : nullptr, alphaLanes);
-        if (endsRow) {
-            const Half last = _mm256_set1_epi8(static_cast<char>(lastColumnAlpha(row)));
-            alpha = _mm256_mask_mov_epi8(alpha, HalfMask{1} << (columns - 1), last);
+        if (c + 64 > row.count || mayBeDecided(row, c + 32)) {
+            blendChromaRun(blended, row, c, chromaAlphas<hasLower>(upper0, lower(byte)));
+            c += 32;
+            continue;
         }
-        if (_mm256_testz_si256(alpha, alpha) != 0) continue;
+        if (c + 64 < row.left) {
+            blendChromaRun(
+                blended, row, c,
+                chromaAlphas<hasLower>(upper0, load(row.upper + byte + 64), lower(byte), lower(byte + 64)));
+        } else {
+            const V upper1 = load(row.upper + byte + 64, allButLast);
+            const V lower1 = hasLower ? load(row.lower + byte + 64, allButLast) : V{};
+            const V alpha = chromaAlphas<hasLower>(upper0, upper1, lower(byte), lower1);
+            constexpr Mask last = Mask{1} << 63;
+            blendChromaRun(blended, row, c,
+                           _mm512_mask_set1_epi8(alpha, last, static_cast<char>(lastColumnAlpha(row))));
+        }
+        c += 64;
+    }
+    const ptrdiff_t columns = row.count - c;
+    if (columns == 0) return;
+    const Mask lanes = columns == 32 ? allButLast : firstLanes(endsOverlay ? 2 * columns - 1 : 2 * columns);
+    const V upper0 = load(row.upper + 2 * c, lanes);
+    const V lower0 = hasLower ? load(row.lower + 2 * c, lanes) : upper0;
+    if (!anyLane(_mm512_or_si512(upper0, lower0))) return;
+    Half alpha = chromaAlphas<hasLower>(upper0, lower0);
+    if (endsOverlay) {
+        const HalfMask last = HalfMask{1} << (columns - 1);
+        alpha = _mm256_mask_set1_epi8(alpha, last, static_cast<char>(lastColumnAlpha(row)));
+    }
+    if (columns == 32) {
+        blendChromaRun(blended, row, c, alpha);
+    } else {
+        blendChromaRun(blended, row, c, alpha, firstHalfLanes(columns));
+    }
+}
+
+void blendChromaRows(const ChromaRows& area) {
+    ChromaRow row = {{area.destination[0], area.destination[1]},
+                     {area.source[0], area.source[1]},
+                     area.alpha,
+                     nullptr,
+                     area.count,
+                     area.left};
+    const NearestBlender blended;
+    const ptrdiff_t rows = area.rows;
+    const ptrdiff_t destinationLinesizes[] = {area.destinationLinesize[0], area.destinationLinesize[1]};
+    const ptrdiff_t sourceLinesizes[] = {area.sourceLinesize[0], area.sourceLinesize[1]};
+    const ptrdiff_t alphaLinesize = area.alphaLinesize;
+    const bool endsOverlay = area.endsOverlay;
+    for (ptrdiff_t r = 0; r < rows; ++r) {
+        if (endsOverlay && r + 1 == rows) {
+            row.lower = nullptr;
+            blendChroma<false>(blended, row);
+            return;
+        }
+        row.lower = row.upper + alphaLinesize;
+        blendChroma<true>(blended, row);
         for (int plane = 0; plane < 2; ++plane) {
-            uint8_t* destination = row.destination[plane] + c;
-            const Half result = blended<Rounding::nearest>(loadHalf(destination, lanes),
-                                                           loadHalf(row.source[plane] + c, lanes), alpha);
-            _mm256_mask_storeu_epi8(destination, lanes, result);
+            row.destination[plane] += destinationLinesizes[plane];
+            row.source[plane] += sourceLinesizes[plane];
         }
+        row.upper += 2 * alphaLinesize;
     }
 }
 
@@ -160,28 +369,60 @@ V spreadAlpha(V pixels) {
     return _mm512_shuffle_epi8(pixels, _mm512_broadcast_i32x4(index));
 }
 
+// The bits of `there` where the mask has ones, and of `elsewhere` where it has none.
+V chosen(V mask, V there, V elsewhere) {
+    return _mm512_ternarylogic_epi32(mask, there, elsewhere, 0xCA);
+}
+
+// Blends, copies or skips 16 pixels.
+template <int alphaByte>
+void blendPackedBlock(const NearestBlender& blended, uint8_t* destination, V source, uint8_t firstAlpha,
+                      V mask) {
+    if (mayBeUniform(firstAlpha)) {
+        if (_mm512_test_epi32_mask(source, mask) == 0) return;
+        if (_mm512_cmpneq_epi32_mask(_mm512_and_si512(source, mask), mask) == 0) {
+            store(destination, chosen(mask, load(destination), source));
+            return;
+        }
+    }
+    store(destination, blended(load(destination), source, spreadAlpha<alphaByte>(source)));
+}
+
 template <int alphaByte>
 void blendPackedRow(uint8_t* destination, const uint8_t* source, ptrdiff_t count) {
+    const NearestBlender blended;
     const V mask = alphaMask<alphaByte>();
+    const ptrdiff_t bytes = 4 * count;
+    int asked = follow;
     ptrdiff_t i = 0;
-    for (; i + 16 <= count; i += 16) {
-        const V s = load(source + 4 * i);
-        if (_mm512_test_epi32_mask(s, mask) == 0) continue;
-        const V d = load(destination + 4 * i);
-        V result;
-        if (_mm512_cmpneq_epi32_mask(_mm512_and_si512(s, mask), mask) == 0) {
-            result = _mm512_ternarylogic_epi32(mask, d, s, 0xCA);  // mask ? d : s
-        } else {
-            result = blended<Rounding::nearest>(d, s, spreadAlpha<alphaByte>(s));
+    for (; i + 128 <= bytes; i += 128) {
+        const V source0 = load(source + i);
+        const V source1 = load(source + i + 64);
+        if (mayBeUniform(source[i + alphaByte])) {
+            if (_mm512_test_epi32_mask(_mm512_or_si512(source0, source1), mask) == 0) {
+                if (asked < follow) {
+                    ++asked;
+                    askFor(destination + i);
+                }
+                continue;
+            }
+            const V both = _mm512_ternarylogic_epi32(source0, source1, mask, 0x80);
+            if (_mm512_cmpneq_epi32_mask(both, mask) == 0) {
+                asked = 0;
+                store(destination + i, chosen(mask, load(destination + i), source0));
+                store(destination + i + 64, chosen(mask, load(destination + i + 64), source1));
+                continue;
+            }
         }
-        _mm512_storeu_si512(destination + 4 * i, result);
+        asked = 0;
+        blendPackedBlock<alphaByte>(blended, destination + i, source0, source[i + alphaByte], mask);
+        blendPackedBlock<alphaByte>(blended, destination + i + 64, source1, source[i + 64 + alphaByte], mask);
     }
-    if (i < count) {
-        const Mask lanes = firstLanes(4 * (count - i));
-        const V s = load(source + 4 * i, lanes);
-        const V d = load(destination + 4 * i, lanes);
-        _mm512_mask_storeu_epi8(destination + 4 * i, lanes,
-                                blended<Rounding::nearest>(d, s, spreadAlpha<alphaByte>(s)));
+    for (; i < bytes; i += 64) {
+        const Mask lanes = firstLanes(bytes - i);
+        const V s = load(source + i, lanes);
+        const V d = load(destination + i, lanes);
+        _mm512_mask_storeu_epi8(destination + i, lanes, blended(d, s, spreadAlpha<alphaByte>(s)));
     }
 }
 
@@ -200,9 +441,40 @@ __m128i loadAlphas(const uint8_t* pixels, ptrdiff_t samples, int pixelsPerSample
     return _mm_unpacklo_epi64(half(0), half(8));
 }
 
+// The alpha bytes of 64 samples, whose pixels are given in order, four bytes each.
+V packAlphas(V pixels0, V pixels1, V pixels2, V pixels3) {
+    const V words0 = _mm512_packus_epi32(_mm512_srli_epi32(pixels0, 24), _mm512_srli_epi32(pixels1, 24));
+    const V words1 = _mm512_packus_epi32(_mm512_srli_epi32(pixels2, 24), _mm512_srli_epi32(pixels3, 24));
+    const V order = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+    return _mm512_permutexvar_epi32(order, _mm512_packus_epi16(words0, words1));
+}
+
+// The even ones of 32 pixels.
+V loadEvenPixels(const uint8_t* pixels) {
+    const V even = _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
+    return _mm512_permutex2var_epi32(load(pixels), even, load(pixels + 64));
+}
+
 void composeRow(uint8_t* destination, const uint8_t* source, const uint8_t* pixels, ptrdiff_t count,
                 int pixelsPerSample) {
-    for (ptrdiff_t i = 0; i < count; i += 32) {
+    const Blender<Rounding::down> blended;
+    ptrdiff_t i = 0;
+    for (; i + 64 <= count; i += 64) {
+        const uint8_t* from = pixels + 4 * i * pixelsPerSample;
+        const V alpha = pixelsPerSample == 1
+                            ? packAlphas(load(from), load(from + 64), load(from + 128), load(from + 192))
+                            : packAlphas(loadEvenPixels(from), loadEvenPixels(from + 128),
+                                         loadEvenPixels(from + 256), loadEvenPixels(from + 384));
+        if (mayBeUniform(from[3])) {
+            if (!anyLane(alpha)) continue;
+            if (allOnes(alpha)) {
+                store(destination + i, load(source + i));
+                continue;
+            }
+        }
+        store(destination + i, blended(load(destination + i), load(source + i), alpha));
+    }
+    for (; i < count; i += 32) {
         const HalfMask lanes = firstHalfLanes(count - i);
         const uint8_t* from = pixels + 4 * i * pixelsPerSample;
         const __m128i first = loadAlphas(from, count - i, pixelsPerSample);
@@ -210,7 +482,7 @@ void composeRow(uint8_t* destination, const uint8_t* source, const uint8_t* pixe
         const Half alpha = _mm256_inserti128_si256(_mm256_castsi128_si256(first), second, 1);
         if (_mm256_testz_si256(alpha, alpha) != 0) continue;
         const Half result =
-            blended<Rounding::down>(loadHalf(destination + i, lanes), loadHalf(source + i, lanes), alpha);
+            blended(loadHalf(destination + i, lanes), loadHalf(source + i, lanes), blended.weights(alpha));
         _mm256_mask_storeu_epi8(destination + i, lanes, result);
     }
 }
@@ -335,12 +607,12 @@ bool vbmiSupported() noexcept {
 }  // namespace
 
 const Variant avx512 = {
-    "avx512",          supported,  blendRow, blendChromaRow, blendPackedRow<3>,
-    blendPackedRow<0>, composeRow, keyRow,   mapRow,
+    "avx512",          supported,  blendRow, blendChromaRows, blendPackedRow<3>,
+    blendPackedRow<0>, composeRow, keyRow,   mapRow,          &avx512Masks,
 };
 const Variant avx512vbmi = {
-    "avx512vbmi",      vbmiSupported, blendRow, blendChromaRow,      blendPackedRow<3>,
-    blendPackedRow<0>, composeRow,    keyRow,   mapRowByPermutation,
+    "avx512vbmi",      vbmiSupported, blendRow, blendChromaRows,     blendPackedRow<3>,
+    blendPackedRow<0>, composeRow,    keyRow,   mapRowByPermutation, &avx512Masks,
 };
 
 }  // namespace kernels

@@ -15,12 +15,26 @@ std::uint8_t blended(std::uint32_t destination, std::uint32_t source, std::uint3
     return static_cast<std::uint8_t>((t * 257) >> 16);
 }
 
-void blendRow(std::uint8_t* destination, const std::uint8_t* source, const std::uint8_t* alpha,
-              std::ptrdiff_t count) {
+unsigned blendRow(std::uint8_t* destination, const std::uint8_t* source, const std::uint8_t* alpha,
+                  std::ptrdiff_t count) {
+    unsigned seen = 0;
     for (std::ptrdiff_t i = 0; i < count; ++i) {
         destination[i] = blended(destination[i], source[i], alpha[i]);
+        if (alpha[i] != 0) seen |= someNotClear;
+        if (alpha[i] != 255) seen |= someNotOpaque;
     }
+    return seen;
 }
+
+/// One row of one plane of chroma.
+struct ChromaRow {
+    std::uint8_t* destination;
+    const std::uint8_t* source;
+    const std::uint8_t* upper;
+    const std::uint8_t* lower;  ///< Null in the overlay's last row.
+    std::ptrdiff_t count;
+    std::ptrdiff_t left;
+};
 
 int chromaAlpha(const ChromaRow& row, std::ptrdiff_t column) noexcept {
     const bool lastColumn = column + 1 >= row.left;
@@ -36,8 +50,30 @@ bool allAre(std::uint8_t value, const std::uint8_t* bytes, std::ptrdiff_t count)
 }
 
 void blendChromaRow(const ChromaRow& row) {
-    blendChromaPlane(row, 0);
-    blendChromaPlane(row, 1);
+    std::ptrdiff_t column = 0;
+    while (column < row.count) {
+        const bool wholeRun = row.count - column >= runLength;
+        const std::ptrdiff_t end = wholeRun ? column + runLength : row.count;
+        // Away from the overlay's right edge the upper row of alpha speaks for both.
+        if (wholeRun && end + 1 < row.left) {
+            const std::uint8_t* upper = row.upper + 2 * column;
+            const bool clear = allAre(0, upper, 2 * runLength);
+            if (clear || allAre(255, upper, 2 * runLength)) {
+                if (!clear) std::copy(row.source + column, row.source + end, row.destination + column);
+                column = end;
+                continue;
+            }
+        }
+        for (; column < end; ++column) {
+            row.destination[column] = blended(row.destination[column], row.source[column],
+                                              static_cast<std::uint32_t>(chromaAlpha(row, column)));
+        }
+    }
+}
+
+void blendChromaRows(const ChromaRows& area) {
+    blendChromaPlane(area, 0);
+    blendChromaPlane(area, 1);
 }
 
 template <int alphaByte>
@@ -109,27 +145,14 @@ KeyRule keyRule(std::uint8_t u, std::uint8_t v, int threshold, float divisor) no
     return rule;
 }
 
-void blendChromaPlane(const ChromaRow& row, int plane) {
-    std::uint8_t* destination = row.destination[plane];
-    const std::uint8_t* source = row.source[plane];
-    std::ptrdiff_t column = 0;
-    while (column < row.count) {
-        const bool wholeRun = row.count - column >= runLength;
-        const std::ptrdiff_t end = wholeRun ? column + runLength : row.count;
-        // Away from the overlay's right edge the upper row of alpha speaks for both.
-        if (wholeRun && end + 1 < row.left) {
-            const std::uint8_t* upper = row.upper + 2 * column;
-            const bool clear = allAre(0, upper, 2 * runLength);
-            if (clear || allAre(255, upper, 2 * runLength)) {
-                if (!clear) std::copy(source + column, source + end, destination + column);
-                column = end;
-                continue;
-            }
-        }
-        for (; column < end; ++column) {
-            destination[column] = blended(destination[column], source[column],
-                                          static_cast<std::uint32_t>(chromaAlpha(row, column)));
-        }
+void blendChromaPlane(const ChromaRows& area, int plane) {
+    ChromaRow row = {area.destination[plane], area.source[plane], area.alpha, nullptr, area.count, area.left};
+    for (std::ptrdiff_t r = 0; r < area.rows; ++r) {
+        row.lower = area.lowerAlpha(r, row.upper);
+        blendChromaRow(row);
+        row.destination += area.destinationLinesize[plane];
+        row.source += area.sourceLinesize[plane];
+        row.upper += 2 * area.alphaLinesize;
     }
 }
 
@@ -137,12 +160,13 @@ const Variant scalar = {
     "scalar",
     []() noexcept { return true; },
     blendRow,
-    blendChromaRow,
+    blendChromaRows,
     blendPackedRow<3>,
     blendPackedRow<0>,
     composeRow,
     keyRow,
     mapRow,
+    &scalarMasks,
 };
 
 }  // namespace kernels

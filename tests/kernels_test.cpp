@@ -18,7 +18,7 @@
 namespace kvffmpeg {
 namespace {
 
-using kernels::ChromaRow;
+using kernels::ChromaRows;
 using kernels::KeyRule;
 using kernels::Variant;
 using test::GuardedBytes;
@@ -146,7 +146,7 @@ TEST_P(KernelsTest, BlendRowRoundsToNearestForEverySampleAndAlpha) {
     }
 }
 
-TEST_P(KernelsTest, BlendChromaRowRoundsToNearestForEverySampleAndAlpha) {
+TEST_P(KernelsTest, BlendChromaRowsRoundsToNearestForEverySampleAndAlpha) {
     Bytes sources(256);
     std::iota(sources.begin(), sources.end(), std::uint8_t{0});
     for (int alpha = 0; alpha < 256; ++alpha) {
@@ -154,13 +154,14 @@ TEST_P(KernelsTest, BlendChromaRowRoundsToNearestForEverySampleAndAlpha) {
         for (int destination = 0; destination < 256; ++destination) {
             Bytes u(256, static_cast<std::uint8_t>(destination));
             Bytes v = u;
-            const ChromaRow row = {{u.data(), v.data()},
-                                   {sources.data(), sources.data()},
-                                   alphas.data(),
-                                   alphas.data(),
-                                   256,
-                                   256};
-            variant().blendChromaRow(row);
+            ChromaRows row = {};
+            row.destination[0] = u.data();
+            row.destination[1] = v.data();
+            row.source[0] = row.source[1] = sources.data();
+            row.alpha = alphas.data();
+            row.rows = 1;
+            row.count = row.left = 256;
+            variant().blendChromaRows(row);
             for (std::size_t source = 0; source < 256; ++source) {
                 ASSERT_EQ(u[source], roundedBlend(destination, static_cast<int>(source), alpha))
                     << "D " << destination << ", S " << source << ", a " << alpha;
@@ -255,7 +256,7 @@ TEST_P(KernelsTest, PackedRowsEqualTheScalarFormAtAllSizesAndAlignmentsWithinThe
     }
 }
 
-TEST_P(KernelsTest, BlendChromaRowEqualsTheScalarFormAtAllSizesAndAlignmentsWithinItsBytes) {
+TEST_P(KernelsTest, BlendChromaRowsEqualsTheScalarFormAtAllSizesAndAlignmentsWithinItsBytes) {
     Operand destination[2];
     Operand source[2];
     Operand upper;
@@ -265,7 +266,7 @@ TEST_P(KernelsTest, BlendChromaRowEqualsTheScalarFormAtAllSizesAndAlignmentsWith
             for (const bool lastRow : {false, true}) {
                 forAllPlaces([&](std::ptrdiff_t count, int gap, bool atFront) {
                     if (count == 0 && beyond == 0) return;  // no column at all
-                    ChromaRow row = {};
+                    ChromaRows row = {};
                     for (int plane = 0; plane < 2; ++plane) {
                         row.destination[plane] =
                             destination[plane].place(count, (gap * (plane + 1)) % alignments, atFront);
@@ -283,17 +284,21 @@ TEST_P(KernelsTest, BlendChromaRowEqualsTheScalarFormAtAllSizesAndAlignmentsWith
                     const AlphaKind kind = alphaKinds[(count + gap) % 4];
                     fillAlpha(u, alphas, kind, random_);
                     fillAlpha(l, alphas, gap % 3 == 0 ? AlphaKind::noise : kind, random_);
-                    row.upper = u;
-                    row.lower = lastRow ? nullptr : l;
+                    row.alpha = u;
+                    // The two rows are not of one block, so that each touches a guard.
+                    row.alphaLinesize = static_cast<std::ptrdiff_t>(reinterpret_cast<std::uintptr_t>(l) -
+                                                                    reinterpret_cast<std::uintptr_t>(u));
+                    row.rows = 1;
+                    row.endsOverlay = lastRow;
 
                     Bytes expected[2];
-                    ChromaRow reference = row;
+                    ChromaRows reference = row;
                     for (int plane = 0; plane < 2; ++plane) {
                         expected[plane].assign(row.destination[plane], row.destination[plane] + count);
                         reference.destination[plane] = expected[plane].data();
                     }
-                    kernels::scalar.blendChromaRow(reference);
-                    variant().blendChromaRow(row);
+                    kernels::scalar.blendChromaRows(reference);
+                    variant().blendChromaRows(row);
                     for (int plane = 0; plane < 2; ++plane) {
                         ASSERT_TRUE(std::equal(expected[plane].begin(), expected[plane].end(),
                                                row.destination[plane]))
