@@ -19,7 +19,7 @@ struct KeyChroma {
         bytes[1] = static_cast<std::uint8_t>(((512 * r - 429 * g - 83 * b + 511) >> 10) - 128);
     }
 
-    std::uint8_t bytes[2];  ///< U, V.
+    std::uint8_t bytes[2] = {};  ///< U, V.
 };
 
 }  // namespace

@@ -2,8 +2,7 @@
 
 #include <atomic>
 
-namespace kvffmpeg {
-namespace kernels {
+namespace kvffmpeg::kernels {
 namespace {
 
 const Variant* const variants[] = {&scalar, &avx2, &avx512, &avx512vbmi};
@@ -36,5 +35,4 @@ void setActive(const Variant* variant) noexcept {
     chosen.store(variant, std::memory_order_relaxed);
 }
 
-}  // namespace kernels
-}  // namespace kvffmpeg
+}  // namespace kvffmpeg::kernels

@@ -5,8 +5,7 @@
 
 #include "mask_kernels.h"
 
-namespace kvffmpeg {
-namespace kernels {
+namespace kvffmpeg::kernels {
 
 /// Rows of chroma of a 4:2:0 blend, U and V together because they share their alphas. All pointers are at the
 /// first column and row that are blended.
@@ -21,11 +20,6 @@ struct ChromaRows {
     bool endsOverlay;      ///< Whether the last of these rows is the overlay's last.
     std::ptrdiff_t count;  ///< Columns to blend.
     std::ptrdiff_t left;   ///< Columns of the overlay from the first one on, at least `count`.
-
-    /// The row of alpha below the upper one, or null in the overlay's last row.
-    const std::uint8_t* lowerAlpha(std::ptrdiff_t row, const std::uint8_t* upper) const noexcept {
-        return endsOverlay && row + 1 == rows ? nullptr : upper + alphaLinesize;
-    }
 };
 
 /// How alpha follows from the squared distance d to the key colour.
@@ -101,5 +95,4 @@ const Variant& active() noexcept;
 /// return by itself, if null. Not while another thread draws.
 void setActive(const Variant* variant) noexcept;
 
-}  // namespace kernels
-}  // namespace kvffmpeg
+}  // namespace kvffmpeg::kernels

@@ -5,8 +5,7 @@
 // Compiled for AVX2: nothing here but intrinsics and what has internal linkage, since an inline function of a
 // header compiled here could be taken for the whole program.
 
-namespace kvffmpeg {
-namespace kernels {
+namespace kvffmpeg::kernels {
 namespace {
 
 using std::ptrdiff_t;
@@ -264,7 +263,7 @@ void blendChromaRows(const ChromaRows& area) {
                      area.count,
                      area.left};
     for (ptrdiff_t r = 0; r < area.rows; ++r) {
-        row.lower = area.lowerAlpha(r, row.upper);
+        row.lower = area.endsOverlay && r + 1 == area.rows ? nullptr : row.upper + area.alphaLinesize;
         blendChromaRow(row);
         for (int plane = 0; plane < 2; ++plane) {
             row.destination[plane] += area.destinationLinesize[plane];
@@ -353,7 +352,7 @@ void composeRow(uint8_t* destination, const uint8_t* source, const uint8_t* pixe
                 int pixelsPerSample) {
     ptrdiff_t i = 0;
     for (; i + 32 <= count; i += 32) {
-        const uint8_t* from = pixels + 4 * i * pixelsPerSample;
+        const uint8_t* from = pixels + 4 * i * ptrdiff_t{pixelsPerSample};
         const V alpha = pixelsPerSample == 1
                             ? packAlphas(load(from), load(from + 32), load(from + 64), load(from + 96))
                             : packAlphas(loadEvenPixels(from), loadEvenPixels(from + 64),
@@ -363,7 +362,7 @@ void composeRow(uint8_t* destination, const uint8_t* source, const uint8_t* pixe
         if (!isOnes(alpha)) result = blended<Rounding::down>(load(destination + i), result, alpha);
         store(destination + i, result);
     }
-    scalar.composeRow(destination + i, source + i, pixels + 4 * i * pixelsPerSample, count - i,
+    scalar.composeRow(destination + i, source + i, pixels + 4 * i * ptrdiff_t{pixelsPerSample}, count - i,
                       pixelsPerSample);
 }
 
@@ -445,21 +444,22 @@ constexpr int sixteenths = 8;
 
 void buildTables(V (&tables)[sixteenths], const uint8_t* table) {
     V previous = _mm256_setzero_si256();
-    for (int k = 0; k < sixteenths; ++k) {
-        const V entries = _mm256_broadcastsi128_si256(loadHalf(table + 16 * k));
-        tables[k] = _mm256_xor_si256(entries, previous);
+    for (V& differences : tables) {
+        const V entries = _mm256_broadcastsi128_si256(loadHalf(table));
+        differences = _mm256_xor_si256(entries, previous);
         previous = entries;
+        table += 16;
     }
 }
 
-constexpr int mapped = 4;  // vectors at a time
+constexpr ptrdiff_t mapped = 4;  // vectors at a time
 
 void addEntries(V (&sums)[mapped], const V (&bytes)[mapped], const V (&tables)[sixteenths]) {
     const V sixteen = _mm256_set1_epi8(16);
     V indices[mapped] = {bytes[0], bytes[1], bytes[2], bytes[3]};
-    for (int k = 0; k < sixteenths; ++k) {
-        for (int i = 0; i < mapped; ++i) {
-            sums[i] = _mm256_xor_si256(sums[i], _mm256_shuffle_epi8(tables[k], indices[i]));
+    for (const V& table : tables) {
+        for (ptrdiff_t i = 0; i < mapped; ++i) {
+            sums[i] = _mm256_xor_si256(sums[i], _mm256_shuffle_epi8(table, indices[i]));
             indices[i] = _mm256_subs_epi8(indices[i], sixteen);
         }
     }
@@ -476,14 +476,14 @@ void mapRow(uint8_t* row, ptrdiff_t count, const uint8_t* table) {
         for (; i + mapped * 32 <= count; i += mapped * 32) {
             V bytes[mapped];
             V sums[mapped];
-            for (int k = 0; k < mapped; ++k) {
+            for (ptrdiff_t k = 0; k < mapped; ++k) {
                 bytes[k] = load(row + i + 32 * k);
                 sums[k] = _mm256_setzero_si256();
             }
             addEntries(sums, bytes, lowTables);
             for (V& byte : bytes) byte = _mm256_xor_si256(byte, bit7);
             addEntries(sums, bytes, highTables);
-            for (int k = 0; k < mapped; ++k) store(row + i + 32 * k, sums[k]);
+            for (ptrdiff_t k = 0; k < mapped; ++k) store(row + i + 32 * k, sums[k]);
         }
     }
     scalar.mapRow(row + i, count - i, table);
@@ -500,5 +500,4 @@ const Variant avx2 = {
     composeRow, keyRow,    mapRow,   &avx2Masks,
 };
 
-}  // namespace kernels
-}  // namespace kvffmpeg
+}  // namespace kvffmpeg::kernels

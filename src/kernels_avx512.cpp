@@ -1,3 +1,8 @@
+// GCC 12 finds uninitialised variables in its own header.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 #include <immintrin.h>
 
 #include "kernels.h"
@@ -5,8 +10,7 @@
 // Compiled for AVX-512: nothing here but intrinsics and what has internal linkage, since an inline function
 // of a header compiled here could be taken for the whole program.
 
-namespace kvffmpeg {
-namespace kernels {
+namespace kvffmpeg::kernels {
 namespace {
 
 using std::ptrdiff_t;
@@ -198,14 +202,15 @@ struct ChromaRow {
     uint8_t* destination[2];
     const uint8_t* source[2];
     const uint8_t* upper;
-    const uint8_t* lower;  // null in the overlay's last row
+    const uint8_t* lower;  // not in the overlay's last row
     ptrdiff_t count;
     ptrdiff_t left;
 };
 
+template <bool hasLower>
 int lastColumnAlpha(ChromaRow row) {
     const uint8_t* upper = row.upper + 2 * (row.left - 1);
-    if (!row.lower) return upper[0];
+    if (!hasLower) return upper[0];
     const uint8_t* lower = row.lower + 2 * (row.left - 1);
     return (upper[0] + ((lower[0] + upper[0]) >> 1)) >> 1;
 }
@@ -302,8 +307,9 @@ void blendChroma(const NearestBlender& blended, const ChromaRow row) {
             const V lower1 = hasLower ? load(row.lower + byte + 64, allButLast) : V{};
             const V alpha = chromaAlphas<hasLower>(upper0, upper1, lower(byte), lower1);
             constexpr Mask last = Mask{1} << 63;
-            blendChromaRun(blended, row, c,
-                           _mm512_mask_set1_epi8(alpha, last, static_cast<char>(lastColumnAlpha(row))));
+            blendChromaRun(
+                blended, row, c,
+                _mm512_mask_set1_epi8(alpha, last, static_cast<char>(lastColumnAlpha<hasLower>(row))));
         }
         c += 64;
     }
@@ -316,7 +322,7 @@ void blendChroma(const NearestBlender& blended, const ChromaRow row) {
     Half alpha = chromaAlphas<hasLower>(upper0, lower0);
     if (endsOverlay) {
         const HalfMask last = HalfMask{1} << (columns - 1);
-        alpha = _mm256_mask_set1_epi8(alpha, last, static_cast<char>(lastColumnAlpha(row)));
+        alpha = _mm256_mask_set1_epi8(alpha, last, static_cast<char>(lastColumnAlpha<hasLower>(row)));
     }
     if (columns == 32) {
         blendChromaRun(blended, row, c, alpha);
@@ -340,7 +346,6 @@ void blendChromaRows(const ChromaRows& area) {
     const bool endsOverlay = area.endsOverlay;
     for (ptrdiff_t r = 0; r < rows; ++r) {
         if (endsOverlay && r + 1 == rows) {
-            row.lower = nullptr;
             blendChroma<false>(blended, row);
             return;
         }
@@ -460,7 +465,7 @@ void composeRow(uint8_t* destination, const uint8_t* source, const uint8_t* pixe
     const Blender<Rounding::down> blended;
     ptrdiff_t i = 0;
     for (; i + 64 <= count; i += 64) {
-        const uint8_t* from = pixels + 4 * i * pixelsPerSample;
+        const uint8_t* from = pixels + 4 * i * ptrdiff_t{pixelsPerSample};
         const V alpha = pixelsPerSample == 1
                             ? packAlphas(load(from), load(from + 64), load(from + 128), load(from + 192))
                             : packAlphas(loadEvenPixels(from), loadEvenPixels(from + 128),
@@ -476,9 +481,10 @@ void composeRow(uint8_t* destination, const uint8_t* source, const uint8_t* pixe
     }
     for (; i < count; i += 32) {
         const HalfMask lanes = firstHalfLanes(count - i);
-        const uint8_t* from = pixels + 4 * i * pixelsPerSample;
+        const uint8_t* from = pixels + 4 * i * ptrdiff_t{pixelsPerSample};
         const __m128i first = loadAlphas(from, count - i, pixelsPerSample);
-        const __m128i second = loadAlphas(from + 64 * pixelsPerSample, count - i - 16, pixelsPerSample);
+        const __m128i second =
+            loadAlphas(from + ptrdiff_t{64} * pixelsPerSample, count - i - 16, pixelsPerSample);
         const Half alpha = _mm256_inserti128_si256(_mm256_castsi128_si256(first), second, 1);
         if (_mm256_testz_si256(alpha, alpha) != 0) continue;
         const Half result =
@@ -615,5 +621,4 @@ const Variant avx512vbmi = {
     blendPackedRow<0>, composeRow,    keyRow,   mapRowByPermutation, &avx512Masks,
 };
 
-}  // namespace kernels
-}  // namespace kvffmpeg
+}  // namespace kvffmpeg::kernels

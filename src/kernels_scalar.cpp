@@ -4,8 +4,7 @@
 
 // The plain form, which defines what every other variant gives.
 
-namespace kvffmpeg {
-namespace kernels {
+namespace kvffmpeg::kernels {
 namespace {
 
 constexpr std::ptrdiff_t runLength = 32;
@@ -30,8 +29,9 @@ unsigned blendRow(std::uint8_t* destination, const std::uint8_t* source, const s
 struct ChromaRow {
     std::uint8_t* destination;
     const std::uint8_t* source;
-    const std::uint8_t* upper;
-    const std::uint8_t* lower;  ///< Null in the overlay's last row.
+    const std::uint8_t* upper;  ///< Alpha of the luma row 2r,
+    const std::uint8_t* lower;  ///< and of 2r + 1, but in the overlay's last row.
+    bool isLast;                ///< Whether this is that row.
     std::ptrdiff_t count;
     std::ptrdiff_t left;
 };
@@ -39,7 +39,7 @@ struct ChromaRow {
 int chromaAlpha(const ChromaRow& row, std::ptrdiff_t column) noexcept {
     const bool lastColumn = column + 1 >= row.left;
     const std::uint8_t* upper = row.upper + 2 * column;
-    if (!row.lower) return lastColumn ? upper[0] : (upper[0] + ((upper[0] + upper[1]) >> 1)) >> 1;
+    if (row.isLast) return lastColumn ? upper[0] : (upper[0] + ((upper[0] + upper[1]) >> 1)) >> 1;
     const std::uint8_t* lower = row.lower + 2 * column;
     if (lastColumn) return (upper[0] + ((lower[0] + upper[0]) >> 1)) >> 1;
     return (upper[0] + upper[1] + lower[0] + lower[1]) >> 2;
@@ -146,9 +146,11 @@ KeyRule keyRule(std::uint8_t u, std::uint8_t v, int threshold, float divisor) no
 }
 
 void blendChromaPlane(const ChromaRows& area, int plane) {
-    ChromaRow row = {area.destination[plane], area.source[plane], area.alpha, nullptr, area.count, area.left};
+    ChromaRow row = {
+        area.destination[plane], area.source[plane], area.alpha, area.alpha, false, area.count, area.left};
     for (std::ptrdiff_t r = 0; r < area.rows; ++r) {
-        row.lower = area.lowerAlpha(r, row.upper);
+        row.lower = row.upper + area.alphaLinesize;
+        row.isLast = area.endsOverlay && r + 1 == area.rows;
         blendChromaRow(row);
         row.destination += area.destinationLinesize[plane];
         row.source += area.sourceLinesize[plane];
@@ -169,5 +171,4 @@ const Variant scalar = {
     &scalarMasks,
 };
 
-}  // namespace kernels
-}  // namespace kvffmpeg
+}  // namespace kvffmpeg::kernels

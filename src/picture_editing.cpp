@@ -133,7 +133,7 @@ void Picture::applyLUT(int component, const std::vector<unsigned char>& table) n
     const int p = samples.plane;
     if (!planes_[p]) return;
 
-    std::array<unsigned char, 256> map;  // what the table leaves out stays as it is
+    std::array<unsigned char, 256> map{};  // what the table leaves out stays as it is
     std::iota(map.begin(), map.end(), static_cast<unsigned char>(0));
     std::copy_n(table.begin(), std::min(table.size(), map.size()), map.begin());
 
