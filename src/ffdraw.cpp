@@ -106,69 +106,55 @@ Area areaOf(const FFDrawContext& draw, unsigned plane, int linesize, int x, int 
 /// library's memset and unlike any loop of stores, does not read the memory first.
 constexpr std::size_t longSpan = 2048;
 
-/// Where there is no such instruction, and for patterns that do not fit it, blocks of about this size are
-/// copied again and again from the first level of the cache.
-constexpr std::size_t blockBytes = 1536;
-
-bool isUniform(const std::uint8_t* pattern, std::size_t step) noexcept {
-    return std::all_of(pattern + 1, pattern + step, [&](std::uint8_t byte) { return byte == pattern[0]; });
-}
-
-bool isFilledByString(std::size_t bytes, std::size_t step) noexcept {
-    return bytes >= longSpan && 8 % step == 0;
-}
-
-void fillSpan(std::uint8_t* span, std::size_t bytes, const std::uint8_t* pattern, std::size_t step) noexcept {
-    if (isUniform(pattern, step)) {
-        std::memset(span, pattern[0], bytes);
-        return;
+/// What a fill repeats.
+class Pattern {
+public:
+    Pattern(const std::uint8_t* bytes, std::size_t step) noexcept
+        : step_(step),
+          isUniform_(
+              std::all_of(bytes + 1, bytes + step, [&](std::uint8_t byte) { return byte == bytes[0]; })) {
+        if (isUniform_) {
+            bytes_[0] = bytes[0];
+            return;
+        }
+        // There are no other steps than 1, 2, 3, 4 and 6.
+        for (std::size_t i = 0; i < sizeof(bytes_); ++i) bytes_[i] = i < step ? bytes[i] : bytes_[i - step];
     }
+
+    void fill(std::uint8_t* span, std::size_t count) const noexcept {
+        if (isUniform_) {
+            std::memset(span, bytes_[0], count);
+            return;
+        }
 #if defined(__x86_64__)
-    if (isFilledByString(bytes, step)) {
-        std::uint8_t words[8];
-        for (std::size_t i = 0; i < 8; ++i) words[i] = pattern[i % step];
-        std::uint64_t word;
-        std::memcpy(&word, words, 8);
-        std::size_t count = bytes / 8;
-        asm volatile("rep stosq" : "+D"(span), "+c"(count) : "a"(word) : "memory");
-        std::memcpy(span, words, bytes % 8);
-        return;
-    }
+        if (count >= longSpan && 8 % step_ == 0) {
+            std::uint64_t word = 0;
+            std::memcpy(&word, bytes_, 8);
+            std::size_t words = count / 8;
+            asm volatile("rep stosq" : "+D"(span), "+c"(words) : "a"(word) : "memory");
+            std::memcpy(span, bytes_, count % 8);
+            return;
+        }
 #endif
-    const std::size_t block = std::min(bytes, blockBytes / step * step);
-    std::memcpy(span, pattern, step);
-    for (std::size_t done = step; done < block;) {
-        const std::size_t next = std::min(done, block - done);
-        std::memcpy(span + done, span, next);
-        done += next;
+        kernels::active().repeatRow(span, static_cast<std::ptrdiff_t>(count), bytes_);
     }
-    for (std::size_t done = block; done < bytes;) {
-        const std::size_t next = std::min(block, bytes - done);
-        std::memcpy(span + done, span, next);
-        done += next;
-    }
-}
+
+private:
+    std::size_t step_;
+    bool isUniform_;
+    std::uint8_t bytes_[kernels::patternBytes] = {};  ///< Only the first one is set if all are the same.
+};
 
 void fillRows(std::uint8_t* first, std::ptrdiff_t linesize, std::ptrdiff_t columns, std::ptrdiff_t rows,
-              const std::uint8_t* pattern, int pixelstep) noexcept {
+              const std::uint8_t* bytes, int pixelstep) noexcept {
     if (columns <= 0 || rows <= 0) return;
-    const auto step = static_cast<std::size_t>(pixelstep);
-    const std::ptrdiff_t rowBytes = columns * pixelstep;
-    const auto size = static_cast<std::size_t>(rowBytes);
-    if (linesize == rowBytes) {
-        fillSpan(first, size * static_cast<std::size_t>(rows), pattern, step);
+    const Pattern pattern(bytes, static_cast<std::size_t>(pixelstep));
+    const auto size = static_cast<std::size_t>(columns * pixelstep);
+    if (linesize == columns * pixelstep) {
+        pattern.fill(first, size * static_cast<std::size_t>(rows));
         return;
     }
-    fillSpan(first, size, pattern, step);
-    const bool withoutReading = isUniform(pattern, step) || isFilledByString(size, step);
-    for (std::ptrdiff_t row = 1; row < rows; ++row) {
-        std::uint8_t* next = first + row * linesize;
-        if (withoutReading) {
-            fillSpan(next, size, pattern, step);
-        } else {
-            std::memcpy(next, first, size);
-        }
-    }
+    for (std::ptrdiff_t row = 0; row < rows; ++row) pattern.fill(first + row * linesize, size);
 }
 
 void copyRows(std::uint8_t* destination, std::ptrdiff_t destinationLinesize, const std::uint8_t* source,
@@ -180,7 +166,7 @@ void copyRows(std::uint8_t* destination, std::ptrdiff_t destinationLinesize, con
         return;
     }
     // Within one image, no row may be overwritten before it was read.
-    const bool ascending = std::less<const std::uint8_t*>()(destination, source) == (sourceLinesize >= 0);
+    const bool ascending = std::less<>()(destination, source) == (sourceLinesize >= 0);
     for (std::ptrdiff_t i = 0; i < rows; ++i) {
         const std::ptrdiff_t row = ascending ? i : rows - 1 - i;
         std::memmove(destination + row * destinationLinesize, source + row * sourceLinesize, size);
@@ -265,8 +251,8 @@ void blendBytes(std::uint8_t* samples, std::ptrdiff_t step, std::uint32_t value,
     for (std::ptrdiff_t i = 0; i < count; ++i) {
         if (coverage[i] == 0) continue;
         const std::uint32_t weight = coverage[i] * opacity;
-        std::uint8_t& sample = samples[i * step];
-        sample = static_cast<std::uint8_t>(((0x1010101 - weight) * sample + weight * value) >> 24);
+        const std::uint32_t old = samples[i * step];
+        samples[i * step] = static_cast<std::uint8_t>(((0x1010101 - weight) * old + weight * value) >> 24);
     }
 }
 

@@ -67,9 +67,14 @@ struct Variant {
                    std::ptrdiff_t count, const KeyRule& rule);
     /// Replaces each of `count` bytes by its entry in the table of 256.
     void (*mapRow)(std::uint8_t* row, std::ptrdiff_t count, const std::uint8_t* table);
+    /// Writes `count` bytes, which repeat the `patternBytes` of the pattern from its first on.
+    void (*repeatRow)(std::uint8_t* row, std::ptrdiff_t count, const std::uint8_t* pattern);
 
     const MaskKernels* masks;
 };
+
+/// The length of what `repeatRow` repeats: a multiple of 1, 2, 3, 4 and 6.
+constexpr std::ptrdiff_t patternBytes = 192;
 
 /// The scalar `blendChromaRows` for U (0) or V (1) alone.
 void blendChromaPlane(const ChromaRows& area, int plane);

@@ -489,6 +489,24 @@ void mapRow(uint8_t* row, ptrdiff_t count, const uint8_t* table) {
     scalar.mapRow(row + i, count - i, table);
 }
 
+void repeatRow(uint8_t* row, ptrdiff_t count, const uint8_t* pattern) {
+    V parts[6];
+    for (V& part : parts) {
+        part = load(pattern);
+        pattern += 32;
+    }
+    static_assert(sizeof(parts) == patternBytes, "the parts are the pattern");
+    ptrdiff_t i = 0;
+    for (; i + patternBytes <= count; i += patternBytes) {
+        uint8_t* to = row + i;
+        for (const V& part : parts) {
+            store(to, part);
+            to += 32;
+        }
+    }
+    scalar.repeatRow(row + i, count - i, pattern - patternBytes);
+}
+
 bool supported() noexcept {
     return __builtin_cpu_supports("avx2") != 0;
 }
@@ -497,7 +515,7 @@ bool supported() noexcept {
 
 const Variant avx2 = {
     "avx2",     supported, blendRow, blendChromaRows, blendPackedRow<3>, blendPackedRow<0>,
-    composeRow, keyRow,    mapRow,   &avx2Masks,
+    composeRow, keyRow,    mapRow,   repeatRow,       &avx2Masks,
 };
 
 }  // namespace kvffmpeg::kernels

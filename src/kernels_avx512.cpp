@@ -601,6 +601,22 @@ __attribute__((target("avx512vbmi"))) void mapRowByPermutation(uint8_t* row, ptr
     }
 }
 
+void repeatRow(uint8_t* row, ptrdiff_t count, const uint8_t* pattern) {
+    const V first = load(pattern);
+    const V second = load(pattern + 64);
+    const V third = load(pattern + 128);
+    ptrdiff_t i = 0;
+    for (; i + patternBytes <= count; i += patternBytes) {
+        store(row + i, first);
+        store(row + i + 64, second);
+        store(row + i + 128, third);
+    }
+    for (ptrdiff_t done = 0; i + done < count; done += 64) {
+        const Mask lanes = firstLanes(count - i - done);
+        _mm512_mask_storeu_epi8(row + i + done, lanes, load(pattern + done));
+    }
+}
+
 bool supported() noexcept {
     return __builtin_cpu_supports("avx512f") != 0 && __builtin_cpu_supports("avx512bw") != 0 &&
            __builtin_cpu_supports("avx512vl") != 0 && __builtin_cpu_supports("avx2") != 0;
@@ -613,12 +629,13 @@ bool vbmiSupported() noexcept {
 }  // namespace
 
 const Variant avx512 = {
-    "avx512",          supported,  blendRow, blendChromaRows, blendPackedRow<3>,
-    blendPackedRow<0>, composeRow, keyRow,   mapRow,          &avx512Masks,
+    "avx512",   supported, blendRow, blendChromaRows, blendPackedRow<3>, blendPackedRow<0>,
+    composeRow, keyRow,    mapRow,   repeatRow,       &avx512Masks,
 };
 const Variant avx512vbmi = {
-    "avx512vbmi",      vbmiSupported, blendRow, blendChromaRows,     blendPackedRow<3>,
-    blendPackedRow<0>, composeRow,    keyRow,   mapRowByPermutation, &avx512Masks,
+    "avx512vbmi",        vbmiSupported,     blendRow,     blendChromaRows,
+    blendPackedRow<3>,   blendPackedRow<0>, composeRow,   keyRow,
+    mapRowByPermutation, repeatRow,         &avx512Masks,
 };
 
 }  // namespace kvffmpeg::kernels

@@ -136,6 +136,14 @@ void mapRow(std::uint8_t* row, std::ptrdiff_t count, const std::uint8_t* table) 
     for (std::ptrdiff_t i = 0; i < count; ++i) row[i] = table[row[i]];
 }
 
+void repeatRow(std::uint8_t* row, std::ptrdiff_t count, const std::uint8_t* pattern) {
+    while (count > 0) {
+        const std::ptrdiff_t copied = std::min(count, patternBytes);
+        row = std::copy_n(pattern, copied, row);
+        count -= copied;
+    }
+}
+
 }  // namespace
 
 KeyRule keyRule(std::uint8_t u, std::uint8_t v, int threshold, float divisor) noexcept {
@@ -168,6 +176,7 @@ const Variant scalar = {
     composeRow,
     keyRow,
     mapRow,
+    repeatRow,
     &scalarMasks,
 };
 

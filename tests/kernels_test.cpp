@@ -386,6 +386,23 @@ int keyAlpha(int u, int v, const KeyRule& rule) {
     return quotient <= 0 ? 0 : static_cast<int>(std::floor(quotient));
 }
 
+TEST_P(KernelsTest, RepeatRowRepeatsThePatternAtAllSizesAndAlignmentsWithinItsBytes) {
+    Operand operand;
+    Operand entries;
+    std::uint8_t* pattern = entries.place(kernels::patternBytes, 0, false);
+    fillNoise(pattern, kernels::patternBytes, random_);
+    const auto check = [&](std::ptrdiff_t count, int gap, bool atFront) {
+        std::uint8_t* row = operand.place(count, gap, atFront);
+        Bytes expected(static_cast<std::size_t>(count));
+        for (std::size_t i = 0; i < expected.size(); ++i) expected[i] = pattern[i % kernels::patternBytes];
+        variant().repeatRow(row, count, pattern);
+        ASSERT_TRUE(std::equal(expected.begin(), expected.end(), row)) << count << " bytes, " << gap;
+    };
+    forAllPlaces(check);
+    for (const std::ptrdiff_t count : {191, 192, 193, 255, 256, 257, 383, 384, 385, 1000})
+        check(count, 0, false);
+}
+
 TEST(KeyRuleTest, KnowsFromWhereToWhereAlphaRises) {
     const KeyRule hard = kernels::keyRule(0, 0, 650, 0);
     EXPECT_FALSE(hard.soft);
