@@ -21,6 +21,7 @@
 #include "kernels.h"
 #include "kvffmpeg/blending.h"
 #include "kvffmpeg/chromakey.h"
+#include "kvffmpeg/ffdraw.h"
 #include "support/guarded_bytes.h"
 
 namespace kvffmpeg {
@@ -195,7 +196,7 @@ public:
         Random random(seed);
         const kernels::Variant* failed = nullptr;
         const char* what = "";
-        switch (random.between(0, 5)) {
+        switch (random.between(0, 7)) {
             case 0:
             case 1:
                 what = "blend_image_yuva420";
@@ -213,9 +214,17 @@ public:
                 what = "composeRow";
                 failed = composeRow(random);
                 break;
-            default:
+            case 5:
                 what = "mapRow";
                 failed = mapRow(random);
+                break;
+            case 6:
+                what = "repeatRow";
+                failed = repeatRow(random);
+                break;
+            default:
+                what = "ff_blend_mask";
+                failed = blendMask(random);
         }
         if (!failed) return true;
         std::fprintf(stderr, "%s: %s differs from scalar; repeat with --seed %llu --cases 1\n", what,
@@ -289,6 +298,47 @@ private:
         source_.fillNoise(random);
         return comparison_.differs(destination_, 1, [&](const kernels::Variant& variant) {
             variant.mapRow(destination_.planes[0].data(), destination_.planes[0].bytes(), source_.data());
+        });
+    }
+
+    const kernels::Variant* repeatRow(Random& random) {
+        destination_.shapePacked(random);
+        source_.shape(kernels::patternBytes, 1, random);
+        source_.fillNoise(random);
+        return comparison_.differs(destination_, 1, [&](const kernels::Variant& variant) {
+            variant.repeatRow(destination_.planes[0].data(), destination_.planes[0].bytes(), source_.data());
+        });
+    }
+
+    const kernels::Variant* blendMask(Random& random) {
+        static constexpr AVPixelFormat formats[] = {AV_PIX_FMT_YUVA420P, AV_PIX_FMT_GRAY8, AV_PIX_FMT_RGBA,
+                                                    AV_PIX_FMT_0RGB};
+        const AVPixelFormat format = formats[random.between(0, 3)];
+        int planes = 1;
+        if (format == AV_PIX_FMT_YUVA420P) {
+            destination_.shapeYuva(random);
+            planes = 4;
+        } else {
+            destination_.shapePacked(random);
+            if (format == AV_PIX_FMT_GRAY8) destination_.width *= 4;
+        }
+        const int width = random.between(0, longestSide);
+        const int height = random.between(0, longestSide);
+        source_.shape(width, height, random);
+        source_.fillAlpha(1, 0, random);
+        FFDrawContext context;
+        FFDrawColor color;
+        ff_draw_init(&context, format, random.oneIn(2) ? FF_DRAW_PROCESS_ALPHA : 0);
+        std::uint8_t rgba[4];
+        random.fill(rgba, 4);
+        if (random.oneIn(2)) rgba[3] = 255;
+        ff_draw_color(&context, &color, rgba);
+        const int x = randomPosition(width, destination_.width, random);
+        const int y = randomPosition(height, destination_.height, random);
+        return comparison_.differs(destination_, planes, [&](const kernels::Variant& /*unused*/) {
+            ff_blend_mask(&context, &color, destination_.data().data(), destination_.linesizes().data(),
+                          destination_.width, destination_.height, source_.data(), source_.linesize(), width,
+                          height, 3, 0, x, y);
         });
     }
 
