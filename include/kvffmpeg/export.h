@@ -2,3 +2,5 @@
 
 /// Marks what the shared library exports. Everything else in it is hidden.
 #define KVFFMPEG_EXPORT __attribute__((visibility("default")))
+/// Marks a nested class of an exported one that is not itself exported.
+#define KVFFMPEG_INTERNAL __attribute__((visibility("hidden")))

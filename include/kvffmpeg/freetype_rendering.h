@@ -85,7 +85,7 @@ private:
     struct FtFace;
     struct Glyph;
     struct Character;
-    struct State;
+    struct KVFFMPEG_INTERNAL State;
     std::unique_ptr<State> state_;
 };
 
