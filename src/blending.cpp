@@ -123,14 +123,36 @@ void blend_plane_UV_420p_no_alpha_composite(uint8_t* const destination[], const 
 
 void copyChroma(const ChromaRows& area) noexcept {
     for (int plane = 0; plane < 2; ++plane) {
-        uint8_t* to = area.destination[plane];
-        const uint8_t* from = area.source[plane];
         for (ptrdiff_t row = 0; row < area.rows; ++row) {
-            std::memmove(to, from, static_cast<std::size_t>(area.count));
-            to += area.destinationLinesize[plane];
-            from += area.sourceLinesize[plane];
+            std::memmove(area.destination[plane] + row * area.destinationLinesize[plane],
+                         area.source[plane] + row * area.sourceLinesize[plane],
+                         static_cast<std::size_t>(area.count));
         }
     }
+}
+
+/// The bytes of a plane of 4:2:0.
+Extent planeExtent(const uint8_t* plane, int linesize, int width, int height, int number) noexcept {
+    const bool isChroma = number == 1 || number == 2;
+    return {plane, linesize, isChroma ? chromaSize(height) : height, isChroma ? chromaSize(width) : width};
+}
+
+/// Whether a plane of the destination shares memory with another than its own of the overlay, so that what is
+/// written may be what is read next.
+bool otherPlanesMeet(uint8_t* const destination[], const int destinationLinesizes[], int destinationWidth,
+                     int destinationHeight, const uint8_t* const overlay[], const int overlayLinesizes[],
+                     int overlayWidth, int overlayHeight) noexcept {
+    for (int p = 0; p < 3; ++p) {
+        const Extent written =
+            planeExtent(destination[p], destinationLinesizes[p], destinationWidth, destinationHeight, p);
+        for (int q = 0; q < 4; ++q) {
+            if (q != p &&
+                written.meets(planeExtent(overlay[q], overlayLinesizes[q], overlayWidth, overlayHeight, q))) {
+                return true;
+            }
+        }
+    }
+    return false;
 }
 
 using PackedRow = void (*Variant::*)(uint8_t*, const uint8_t*, ptrdiff_t);
@@ -151,10 +173,9 @@ void blendPacked(PackedRow kernel, uint8_t* destination, int destinationLinesize
         blendRow(to, from, static_cast<ptrdiff_t>(count * (rows.end - rows.begin)));  // rows without gaps
         return;
     }
-    for (int64_t row = rows.begin; row < rows.end; ++row) {
-        blendRow(to, from, static_cast<ptrdiff_t>(count));
-        to += destinationLinesize;
-        from += overlayLinesize;
+    for (int64_t row = 0; row < rows.end - rows.begin; ++row) {
+        blendRow(at(to, destinationLinesize, row, 0), at(from, overlayLinesize, row, 0),
+                 static_cast<ptrdiff_t>(count));
     }
 }
 
@@ -190,6 +211,9 @@ void blend_image_yuva420(std::uint8_t* const destination[], const int destinatio
                                         all.source[plane], overlayLinesizes[plane + 1], all.rows, all.count);
         }
     }
+    blocks =
+        blocks && !otherPlanesMeet(destination, destinationLinesizes, destinationWidth, destinationHeight,
+                                   overlay, overlayLinesizes, overlayWidth, overlayHeight);
     if (!blocks) {
         for (int64_t row = rows.begin; row < rows.end; ++row) {
             lumaRow(kernels::scalar, row, columns.end - columns.begin);

@@ -393,6 +393,7 @@ void ff_draw_color(const FFDrawContext* draw, FFDrawColor* color, const std::uin
 
 void ff_fill_rectangle(const FFDrawContext* draw, const FFDrawColor* color, std::uint8_t* const dst[],
                        const int dst_linesize[], int x, int y, int w, int h) noexcept {
+    if (w <= 0 || h <= 0) return;
     for (unsigned p = 0; p < draw->nb_planes; ++p) {
         const Area area = areaOf(*draw, p, dst_linesize[p], x, y, w, h);
         fillRows(dst[p] + area.firstByte, dst_linesize[p], area.columns, area.rows, color->comp[p].u8,
@@ -403,6 +404,7 @@ void ff_fill_rectangle(const FFDrawContext* draw, const FFDrawColor* color, std:
 void ff_copy_rectangle2(const FFDrawContext* draw, std::uint8_t* const dst[], const int dst_linesize[],
                         const std::uint8_t* const src[], const int src_linesize[], int dst_x, int dst_y,
                         int src_x, int src_y, int w, int h) noexcept {
+    if (w <= 0 || h <= 0) return;
     for (unsigned p = 0; p < draw->nb_planes; ++p) {
         const Area area = areaOf(*draw, p, dst_linesize[p], dst_x, dst_y, w, h);
         copyRows(dst[p] + area.firstByte, dst_linesize[p],

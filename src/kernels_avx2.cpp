@@ -256,20 +256,17 @@ void blendChromaRow(const ChromaRow row) {
 }
 
 void blendChromaRows(const ChromaRows& area) {
-    ChromaRow row = {{area.destination[0], area.destination[1]},
-                     {area.source[0], area.source[1]},
-                     area.alpha,
-                     nullptr,
-                     area.count,
-                     area.left};
     for (ptrdiff_t r = 0; r < area.rows; ++r) {
-        row.lower = area.endsOverlay && r + 1 == area.rows ? nullptr : row.upper + area.alphaLinesize;
-        blendChromaRow(row);
+        ChromaRow row = {};
         for (int plane = 0; plane < 2; ++plane) {
-            row.destination[plane] += area.destinationLinesize[plane];
-            row.source[plane] += area.sourceLinesize[plane];
+            row.destination[plane] = area.destination[plane] + r * area.destinationLinesize[plane];
+            row.source[plane] = area.source[plane] + r * area.sourceLinesize[plane];
         }
-        row.upper += 2 * area.alphaLinesize;
+        row.upper = area.alpha + 2 * r * area.alphaLinesize;
+        if (!area.endsOverlay || r + 1 < area.rows) row.lower = row.upper + area.alphaLinesize;
+        row.count = area.count;
+        row.left = area.left;
+        blendChromaRow(row);
     }
 }
 

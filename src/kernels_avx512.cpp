@@ -331,31 +331,24 @@ void blendChroma(const NearestBlender& blended, const ChromaRow row) {
     }
 }
 
-void blendChromaRows(const ChromaRows& area) {
-    ChromaRow row = {{area.destination[0], area.destination[1]},
-                     {area.source[0], area.source[1]},
-                     area.alpha,
-                     nullptr,
-                     area.count,
-                     area.left};
+void blendChromaRows(const ChromaRows& given) {
+    const ChromaRows area = given;
     const NearestBlender blended;
-    const ptrdiff_t rows = area.rows;
-    const ptrdiff_t destinationLinesizes[] = {area.destinationLinesize[0], area.destinationLinesize[1]};
-    const ptrdiff_t sourceLinesizes[] = {area.sourceLinesize[0], area.sourceLinesize[1]};
-    const ptrdiff_t alphaLinesize = area.alphaLinesize;
-    const bool endsOverlay = area.endsOverlay;
-    for (ptrdiff_t r = 0; r < rows; ++r) {
-        if (endsOverlay && r + 1 == rows) {
-            blendChroma<false>(blended, row);
-            return;
-        }
-        row.lower = row.upper + alphaLinesize;
-        blendChroma<true>(blended, row);
+    for (ptrdiff_t r = 0; r < area.rows; ++r) {
+        ChromaRow row = {};
         for (int plane = 0; plane < 2; ++plane) {
-            row.destination[plane] += destinationLinesizes[plane];
-            row.source[plane] += sourceLinesizes[plane];
+            row.destination[plane] = area.destination[plane] + r * area.destinationLinesize[plane];
+            row.source[plane] = area.source[plane] + r * area.sourceLinesize[plane];
         }
-        row.upper += 2 * alphaLinesize;
+        row.upper = area.alpha + 2 * r * area.alphaLinesize;
+        row.count = area.count;
+        row.left = area.left;
+        if (area.endsOverlay && r + 1 == area.rows) {
+            blendChroma<false>(blended, row);
+        } else {
+            row.lower = row.upper + area.alphaLinesize;
+            blendChroma<true>(blended, row);
+        }
     }
 }
 

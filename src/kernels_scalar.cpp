@@ -154,15 +154,12 @@ KeyRule keyRule(std::uint8_t u, std::uint8_t v, int threshold, float divisor) no
 }
 
 void blendChromaPlane(const ChromaRows& area, int plane) {
-    ChromaRow row = {
-        area.destination[plane], area.source[plane], area.alpha, area.alpha, false, area.count, area.left};
     for (std::ptrdiff_t r = 0; r < area.rows; ++r) {
-        row.lower = row.upper + area.alphaLinesize;
-        row.isLast = area.endsOverlay && r + 1 == area.rows;
-        blendChromaRow(row);
-        row.destination += area.destinationLinesize[plane];
-        row.source += area.sourceLinesize[plane];
-        row.upper += 2 * area.alphaLinesize;
+        const bool isLast = area.endsOverlay && r + 1 == area.rows;
+        const std::uint8_t* upper = area.alpha + 2 * r * area.alphaLinesize;
+        blendChromaRow({area.destination[plane] + r * area.destinationLinesize[plane],
+                        area.source[plane] + r * area.sourceLinesize[plane], upper,
+                        isLast ? upper : upper + area.alphaLinesize, isLast, area.count, area.left});
     }
 }
 

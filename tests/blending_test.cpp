@@ -1,18 +1,52 @@
 #include "kvffmpeg/blending.h"
 
 #include <gmock/gmock.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <array>
 #include <climits>
+#include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
+#include <new>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "kernels.h"
 #include "support/guarded_bytes.h"
+
+// The sanitizers have operators of their own.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define OWN_NEW 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define OWN_NEW 0
+#endif
+#endif
+#ifndef OWN_NEW
+#define OWN_NEW 1
+#endif
+
+#if OWN_NEW
+namespace {
+std::size_t blocksTaken = 0;
+}
+// Not inlined: g++ 12 would warn that free does not go with new.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    ++blocksTaken;
+    if (void* block = std::malloc(std::max<std::size_t>(size, 1))) return block;
+    throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* block) noexcept {
+    std::free(block);
+}
+[[gnu::noinline]] void operator delete(void* block, std::size_t /*size*/) noexcept {
+    std::free(block);
+}
+#endif
 
 namespace kvffmpeg {
 namespace {
@@ -121,6 +155,24 @@ void fillAlpha(Plane& plane, int step, int offset, std::mt19937& random) {
                                                                            : kind == 1 ? 255
                                                                                        : byte(random));
             }
+        }
+    }
+}
+
+/// Rows that are all 0, rows that are all 255 and rows of `fillAlpha`, of each up to 50; a few of the first
+/// two kinds have one other sample.
+void fillAlphaInBands(Plane& plane, std::mt19937& random) {
+    std::uniform_int_distribution<int> byte(0, 255);
+    std::uniform_int_distribution<int> length(1, 50);
+    fillAlpha(plane, 1, 0, random);
+    for (int y = 0; y < plane.rows;) {
+        const int kind = byte(random) % 3;
+        for (int n = length(random); n > 0 && y < plane.rows; --n, ++y) {
+            if (kind == 2) continue;
+            std::fill_n(&plane.at(0, y), plane.rowBytes, static_cast<std::uint8_t>(kind == 0 ? 0 : 255));
+            if (byte(random) > 10) continue;
+            const int x = byte(random) % 2 == 0 ? plane.rowBytes - 1 : byte(random) % plane.rowBytes;
+            plane.at(x, y) = static_cast<std::uint8_t>(byte(random));
         }
     }
 }
@@ -416,6 +468,18 @@ TEST_P(BlendingTest, LastChromaSampleTakesItsFirstAlphaAlone) {
     EXPECT_EQ(chromaAlphas(overlayWithAlpha(1, 1, {77}), 1)[0], 77);
 }
 
+TEST_P(BlendingTest, ClippedOverlayAveragesFourAlphasInItsLastVisibleRowAndColumn) {
+    const Image overlay = overlayWithAlpha(4, 4,
+                                           {10, 21, 0, 0,  //
+                                            32, 44, 0, 0,  //
+                                            0, 0, 0, 0,    //
+                                            0, 0, 0, 0});
+    Image destination = Image::yuv(2, 2, false);
+    for (Plane& each : destination.planes) std::fill_n(each.data, each.bytes(), std::uint8_t{0});
+    blendYuva(destination, overlay, 0, 0);
+    EXPECT_THAT(destination.planes[1].content(), ElementsAre((10 + 21 + 32 + 44) / 4));
+}
+
 TEST_P(BlendingTest, OddSizesReadNoAlphaBeyondTheOverlay) {
     // The guard pages of the planes catch a read beyond the last row.
     for (int width = 1; width <= 70; ++width) {
@@ -573,7 +637,189 @@ TEST_P(BlendingTest, PackedEqualsThePlainFormAtAnyPlaceAndSize) {
     }
 }
 
-TEST_P(BlendingTest, TakesNegativeLinesizes) {
+TEST_P(BlendingTest, ImagesWhoseRowsHaveNoGapsEqualThePlainForm) {
+    // Many rows are taken as one then, and rows that are clear or opaque as a whole decide for chroma.
+    std::uniform_int_distribution<int> width(1, 200);
+    std::uniform_int_distribution<int> height(1, 160);
+    std::uniform_int_distribution<int> offset(-2, 2);
+    for (int i = 0; i < 300; ++i) {
+        Image overlay = noisyYuva(width(random_), height(random_), 0);
+        fillAlphaInBands(overlay.planes[3], random_);
+        Image destination = noisyYuv(overlay.width, overlay.height);
+        Image expected = Image::yuv(destination.width, destination.height, false);
+        expected.setContents(destination.contents());
+        const int x = i % 3 == 0 ? offset(random_) : 0;
+        const int y = i % 2 == 0 ? offset(random_) : 0;
+        blendYuva(destination, overlay, x, y);
+        referenceYuva(expected, overlay, x, y);
+        ASSERT_EQ(destination.contents(), expected.contents())
+            << overlay.width << " x " << overlay.height << " at " << x << ", " << y;
+    }
+}
+
+TEST_P(BlendingTest, PlaneWithGapsBesidePlanesWithoutIsReadRowByRow) {
+    // The destination's luma, the overlay's luma, its alpha.
+    for (int padded = 0; padded < 3; ++padded) {
+        Image destination = noisyYuv(70, 30);
+        Image overlay = noisyYuva(70, 30, 0);
+        fillAlpha(overlay.planes[3], 1, 0, random_);
+        Image expected = Image::yuv(70, 30, false);
+        expected.setContents(destination.contents());
+        referenceYuva(expected, overlay, 0, 0);
+
+        Plane& plane = padded == 0 ? destination.planes[0] : overlay.planes[padded == 1 ? 0 : 3];
+        Plane wider(70, 30, 7, 0);
+        for (int y = 0; y < 30; ++y) std::copy_n(&plane.at(0, y), 70, &wider.at(0, y));
+        plane = wider;
+        blendYuva(destination, overlay, 0, 0);
+        for (int y = 0; y < 30; ++y) {
+            ASSERT_TRUE(std::equal(&expected.planes[0].at(0, y), &expected.planes[0].at(0, y) + 70,
+                                   &destination.planes[0].at(0, y)))
+                << "row " << y << ", padded " << padded;
+        }
+        for (const std::size_t p : {1U, 2U}) {
+            ASSERT_EQ(destination.planes[p].content(), expected.planes[p].content()) << "padded " << padded;
+        }
+    }
+}
+
+/// The luma and the U of a black image after an overlay of 6 x 6 that is clear but for one column or row.
+std::array<Bytes, 2> drawnThroughOneLine(int width, int height, bool column) {
+    Image overlay = overlayWithAlpha(6, 6, Bytes(36, 0));
+    for (int i = 0; i < 6; ++i) overlay.planes[3].at(column ? 3 : i, column ? i : 3) = 200;
+    Image destination = Image::yuv(width, height, false);
+    for (Plane& each : destination.planes) std::fill_n(each.data, each.bytes(), std::uint8_t{0});
+    blendYuva(destination, overlay, 0, 0);
+    return {destination.planes[0].content(), destination.planes[1].content()};
+}
+
+TEST_P(BlendingTest, AlphasJustBeyondAnOddRightEdgeOfTheDestinationCountForChroma) {
+    const auto drawn = drawnThroughOneLine(3, 2, true);
+    EXPECT_THAT(drawn[0], Each(0));
+    EXPECT_THAT(drawn[1], ElementsAre(0, 100));
+}
+
+TEST_P(BlendingTest, AlphasJustBeyondAnOddLowerEdgeOfTheDestinationCountForChroma) {
+    const auto drawn = drawnThroughOneLine(2, 3, false);
+    EXPECT_THAT(drawn[0], Each(0));
+    EXPECT_THAT(drawn[1], ElementsAre(0, 100));
+}
+
+TEST_P(BlendingTest, WideImagesEqualThePlainForm) {
+    for (const int height : {5, 6}) {
+        for (const int x : {0, -1, 3}) {
+            for (const int y : {0, 1, -1, -3}) {
+                Image overlay = noisyYuva(5001, 9, 0);
+                fillAlphaInBands(overlay.planes[3], random_);
+                Image destination = noisyYuv(4999, height);
+                Image expected = Image::yuv(4999, height, false);
+                expected.setContents(destination.contents());
+                blendYuva(destination, overlay, x, y);
+                referenceYuva(expected, overlay, x, y);
+                ASSERT_TRUE(destination.contents() == expected.contents())
+                    << height << " rows at " << x << ", " << y;
+            }
+        }
+    }
+}
+
+TEST_P(BlendingTest, LargeImagesEqualThePlainForm) {
+    for (const int width : {900, 901}) {
+        for (const auto& position : {std::array<int, 2>{0, 0}, {-33, 7}, {64, -5}}) {
+            Image overlay = noisyYuva(width, 403, 0);
+            fillAlphaInBands(overlay.planes[3], random_);
+            Image destination = noisyYuv(900, 402);
+            Image expected = Image::yuv(900, 402, false);
+            expected.setContents(destination.contents());
+            blendYuva(destination, overlay, position[0], position[1]);
+            referenceYuva(expected, overlay, position[0], position[1]);
+            // Not compared as a whole: what differs would be a text of megabytes.
+            ASSERT_TRUE(destination.contents() == expected.contents())
+                << width << " columns at " << position[0] << ", " << position[1];
+        }
+    }
+}
+
+/// Memory for rows that lie gigabytes apart, of which only what is touched takes any.
+class SparseMemory {
+public:
+    SparseMemory()
+        : mapping_(mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE,
+                        -1, 0)) {}
+    ~SparseMemory() {
+        if (exists()) munmap(mapping_, size);
+    }
+    SparseMemory(const SparseMemory&) = delete;
+    SparseMemory& operator=(const SparseMemory&) = delete;
+
+    bool exists() const { return mapping_ != MAP_FAILED; }
+    /// The start of a row of one of a few planes.
+    std::uint8_t* row(int plane, int y) const {
+        return static_cast<std::uint8_t*>(mapping_) + std::ptrdiff_t{y} * linesize +
+               std::ptrdiff_t{plane} * 512;
+    }
+
+    static constexpr int linesize = 1100000000;
+
+private:
+    static constexpr std::size_t size = std::size_t{5} * linesize + 4096;
+    void* mapping_;
+};
+
+TEST_P(BlendingTest, RowsMayLieGigabytesApart) {
+    const SparseMemory to;
+    const SparseMemory from;
+    if (!to.exists() || !from.exists()) GTEST_SKIP() << "there is no room for rows so far apart";
+    const auto set = [](const SparseMemory& memory, int plane, int rows, std::uint8_t value) {
+        for (int y = 0; y < rows; ++y) std::fill_n(memory.row(plane, y), 256, value);
+    };
+    set(to, 0, 6, 10);
+    for (const int plane : {1, 2}) set(to, plane, 3, 20);
+    for (const int plane : {0, 3}) set(from, plane, 6, 200);
+    for (const int plane : {1, 2}) set(from, plane, 3, 200);
+    std::uint8_t* const destination[] = {to.row(0, 0), to.row(1, 0), to.row(2, 0)};
+    const std::uint8_t* const overlay[] = {from.row(0, 0), from.row(1, 0), from.row(2, 0), from.row(3, 0)};
+    const int linesizes[] = {SparseMemory::linesize, SparseMemory::linesize, SparseMemory::linesize,
+                             SparseMemory::linesize};
+    blend_image_yuva420(destination, linesizes, 64, 6, overlay, linesizes, 64, 6, 0, 0);
+    for (int y = 0; y < 6; ++y) {
+        EXPECT_EQ(to.row(0, y)[63], blendedSample(10, 200, 200)) << "row " << y;
+        EXPECT_EQ(to.row(0, y)[64], 10) << "row " << y;
+    }
+    for (int y = 0; y < 3; ++y) {
+        for (const int plane : {1, 2}) EXPECT_EQ(to.row(plane, y)[31], blendedSample(20, 200, 200)) << y;
+    }
+    for (const auto blend : {blend_image_rgba, blend_image_argb}) {
+        set(to, 0, 6, 10);
+        blend(destination, linesizes, 64, 6, overlay, linesizes, 64, 6, 0, 0);
+        for (int y = 0; y < 6; ++y) EXPECT_EQ(to.row(0, y)[254], blendedSample(10, 200, 200)) << "row " << y;
+    }
+}
+
+#if OWN_NEW
+TEST_P(BlendingTest, TakesNoMemory) {
+    const std::size_t atStart = blocksTaken;
+    const Image overlay = noisyYuva(150, 40, 90);
+    if (blocksTaken == atStart) GTEST_SKIP() << "something else, such as valgrind, has replaced new";
+    Image destination = noisyYuv(150, 40);
+    Image packed = noisyPacked(150, 40);
+    const Image pixels = noisyPacked(150, 40);
+    const auto to = destination.data();
+    const auto from = overlay.data();
+    const auto packedTo = packed.data();
+    const auto packedFrom = pixels.data();
+    const std::size_t before = blocksTaken;
+    blend_image_yuva420(to.data(), destination.linesizes().data(), 150, 40, from.data(),
+                        overlay.linesizes().data(), 150, 40, -3, 5);
+    for (const auto blend : {blend_image_rgba, blend_image_argb}) {
+        blend(packedTo.data(), packed.linesizes().data(), 150, 40, packedFrom.data(),
+              pixels.linesizes().data(), 150, 40, -3, 5);
+    }
+    EXPECT_EQ(blocksTaken, before);
+}
+#endif
+
+TEST_P(BlendingTest, PackedTakesNegativeLinesizes) {
     Image destination = noisyPacked(40, 10);
     Image expected = Image::packed(40, 10);
     expected.setContents(destination.contents());
@@ -588,6 +834,36 @@ TEST_P(BlendingTest, TakesNegativeLinesizes) {
     EXPECT_EQ(destination.contents(), expected.contents());
 }
 
+TEST_P(BlendingTest, YuvaTakesNegativeLinesizes) {
+    Image destination = noisyYuv(150, 41);
+    Image overlay = noisyYuva(150, 41, 0);
+    fillAlpha(overlay.planes[3], 1, 0, random_);
+    Image expected = Image::yuv(150, 41, false);
+    expected.setContents(destination.contents());
+    referenceYuva(expected, overlay, -3, 5);
+
+    const auto turnOver = [](Plane& plane) {
+        for (int y = 0; y < plane.rows / 2; ++y) {
+            std::swap_ranges(&plane.at(0, y), &plane.at(0, y) + plane.rowBytes,
+                             &plane.at(0, plane.rows - 1 - y));
+        }
+    };
+    std::array<std::uint8_t*, 4> to = {};
+    std::array<std::uint8_t*, 4> from = {};
+    std::array<int, 4> linesizes = {};
+    for (std::size_t p = 0; p < 4; ++p) {
+        if (p < 3) turnOver(destination.planes[p]);
+        turnOver(overlay.planes[p]);
+        const int lastRow = overlay.planes[p].rows - 1;
+        if (p < 3) to[p] = &destination.planes[p].at(0, lastRow);
+        from[p] = &overlay.planes[p].at(0, lastRow);
+        linesizes[p] = -overlay.planes[p].linesize;
+    }
+    blend_image_yuva420(to.data(), linesizes.data(), 150, 41, from.data(), linesizes.data(), 150, 41, -3, 5);
+    for (Plane& plane : destination.planes) turnOver(plane);
+    EXPECT_EQ(destination.contents(), expected.contents());
+}
+
 TEST_P(BlendingTest, PictureBlendsOntoItselfInPlace) {
     // A * a + A * (255 - a) is A.
     Image image = noisyYuva(150, 40, 90);
@@ -598,6 +874,26 @@ TEST_P(BlendingTest, PictureBlendsOntoItselfInPlace) {
     const auto packedBefore = packed.contents();
     blendPacked(Order::rgba, packed, packed, 0, 0);
     EXPECT_EQ(packed.contents(), packedBefore);
+}
+
+TEST_P(BlendingTest, MemoryInCommonWithRowsOfAnotherLengthGoesSampleBySample) {
+    const Image noise = noisyPacked(100, 12);
+    for (const int longer : {4, 32, 100}) {
+        Bytes expected = noise.planes[0].content();
+        Bytes actual = expected;
+        const auto blendInto = [&](Bytes& memory) {
+            std::uint8_t* const to[] = {memory.data()};
+            const std::uint8_t* const from[] = {memory.data()};
+            const int fromRows[] = {200};
+            const int toRows[] = {200 + longer};
+            blend_image_rgba(to, toRows, 50, 12, from, fromRows, 50, 12, 0, 0);
+        };
+        kernels::setActive(&kernels::scalar);
+        blendInto(expected);
+        kernels::setActive(GetParam());
+        blendInto(actual);
+        EXPECT_EQ(actual, expected) << longer;
+    }
 }
 
 TEST_P(BlendingTest, PictureOntoItselfElsewhereGoesSampleBySampleFromTheTopLeft) {
@@ -620,6 +916,34 @@ TEST_P(BlendingTest, PictureOntoItselfElsewhereGoesSampleBySampleFromTheTopLeft)
             ASSERT_EQ(packed.contents(), expectedPacked.contents()) << x << ", " << y;
         }
     }
+}
+
+TEST_P(BlendingTest, PlanesThatShareMemoryWithAnotherPlaneGiveTheSameOnEveryCpu) {
+    constexpr int width = 160;
+    constexpr int height = 8;
+    constexpr int chroma = width / 2;
+    Bytes luma(width * height);
+    // Where the planes of the destination begin in the memory of the overlay: luma in alpha, U in V, V in U.
+    const auto blended = [&](const Bytes& start) {
+        Bytes memory = start;
+        std::uint8_t* const alpha = memory.data();
+        std::uint8_t* const u = alpha + width * height + 64;
+        std::uint8_t* const v = u + chroma * height / 2 + 64;
+        const std::uint8_t* const from[] = {luma.data(), u, v, alpha};
+        std::uint8_t* const to[] = {alpha + 5, v + 3, u + 3};
+        const int fromLinesizes[] = {width, chroma, chroma, width};
+        const int toLinesizes[] = {width, chroma, chroma};
+        blend_image_yuva420(to, toLinesizes, width, height, from, fromLinesizes, width, height, 0, 0);
+        return memory;
+    };
+    Bytes start(3 * width * height);
+    std::uniform_int_distribution<int> byte(0, 255);
+    for (Bytes* bytes : {&luma, &start}) {
+        std::generate(bytes->begin(), bytes->end(), [&] { return static_cast<std::uint8_t>(byte(random_)); });
+    }
+    const Bytes result = blended(start);
+    kernels::setActive(&kernels::scalar);
+    EXPECT_EQ(result, blended(start));
 }
 
 }  // namespace

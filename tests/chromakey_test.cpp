@@ -1,17 +1,51 @@
 #include "kvffmpeg/chromakey.h"
 
 #include <gmock/gmock.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <limits>
+#include <new>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "kernels.h"
 #include "support/guarded_bytes.h"
+
+// The sanitizers have operators of their own.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define OWN_NEW 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define OWN_NEW 0
+#endif
+#endif
+#ifndef OWN_NEW
+#define OWN_NEW 1
+#endif
+
+#if OWN_NEW
+namespace {
+std::size_t blocksTaken = 0;
+}
+// Not inlined: g++ 12 would warn that free does not go with new.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    ++blocksTaken;
+    if (void* block = std::malloc(std::max<std::size_t>(size, 1))) return block;
+    throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* block) noexcept {
+    std::free(block);
+}
+[[gnu::noinline]] void operator delete(void* block, std::size_t /*size*/) noexcept {
+    std::free(block);
+}
+#endif
 
 namespace kvffmpeg {
 namespace {
@@ -72,6 +106,19 @@ TEST_P(ChromakeyTest, ThresholdIsTheSquareOfSimilarityTimes255) {
     // T is 16256 at 0.5: 112^2 + 61^2 = 16265 lies beyond, 127^2 + 11^2 = 16250 within.
     EXPECT_EQ(alphaOf(127, 11, {0, 0}, 0.5F, 0), 0);
     EXPECT_EQ(alphaOf(112, 61, {0, 0}, 0.5F, 0), 255);
+}
+
+TEST_P(ChromakeyTest, ThresholdIsFormedInDoubleFromASquareInFloat) {
+    // 7 / 255 as a float is a little more than that; its square as a float is a little less, and T is 48.
+    EXPECT_EQ(alphaOf(7, 0, {0, 0}, 7.0F / 255.0F, 0), 255);
+    EXPECT_EQ(alphaOf(6, 3, {0, 0}, 7.0F / 255.0F, 0), 0);
+    // Here the product in float would be 69^2.
+    EXPECT_EQ(alphaOf(69, 0, {0, 0}, 0.270588219F, 0), 255);
+}
+
+TEST_P(ChromakeyTest, DistanceOf3000BeyondTheThresholdGives117WithABlendOfATenth) {
+    // 20^2 + 51^2 = 3001, and T is 1.
+    EXPECT_EQ(alphaOf(20, 51, {0, 0}, 0.004F, 0.1F), 117);
 }
 
 TEST_P(ChromakeyTest, BlendRisesWithTheSquaredDistanceRoundedDown) {
@@ -199,6 +246,40 @@ TEST_P(ChromakeyTest, StaysWithinItsPlanesAndEqualsThePlainFormAtAllSizes) {
         }
     }
 }
+
+TEST_P(ChromakeyTest, RowsMayLieGigabytesApart) {
+    constexpr int linesize = 1100000000;
+    constexpr std::size_t size = std::size_t{5} * linesize + 4096;
+    void* mapping =
+        mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (mapping == MAP_FAILED) GTEST_SKIP() << "there is no room for rows so far apart";
+    auto* start = static_cast<std::uint8_t*>(mapping);
+    std::uint8_t* const planes[] = {nullptr, start, start + 512, start + 1024};
+    const int linesizes[] = {0, linesize, linesize, linesize};
+    const std::uint8_t key[] = {1, 1};
+    chromakey_yuva420p(planes, linesizes, 64, 6, key, 0, 0);
+    for (std::ptrdiff_t y = 0; y < 6; ++y) {
+        EXPECT_EQ(planes[3][y * linesize], 255) << "row " << y;
+        EXPECT_EQ(planes[3][y * linesize + 63], 255) << "row " << y;
+        EXPECT_EQ(planes[3][y * linesize + 64], 0) << "row " << y;
+    }
+    munmap(mapping, size);
+}
+
+#if OWN_NEW
+TEST_P(ChromakeyTest, TakesNoMemory) {
+    const std::size_t atStart = blocksTaken;
+    Bytes chroma(100, 3);
+    if (blocksTaken == atStart) GTEST_SKIP() << "something else, such as valgrind, has replaced new";
+    Bytes alpha(400, 1);
+    std::uint8_t* const planes[] = {nullptr, chroma.data(), chroma.data(), alpha.data()};
+    const int linesizes[] = {0, 100, 100, 200};
+    const std::uint8_t key[] = {0, 0};
+    const std::size_t before = blocksTaken;
+    for (const float blend : {0.0F, 0.1F}) chromakey_yuva420p(planes, linesizes, 200, 2, key, 0, blend);
+    EXPECT_EQ(blocksTaken, before);
+}
+#endif
 
 }  // namespace
 }  // namespace kvffmpeg

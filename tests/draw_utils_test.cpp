@@ -10,6 +10,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -709,6 +710,28 @@ TEST(ComposeTest, TransparentPictureOntoItselfStaysAsItWas) {
     Picture picture = uniform({16, 16}, AV_PIX_FMT_RGBA, 0);
     DrawUtils::compose(picture, picture, {2, 2});
     EXPECT_THAT(bufferBytes(picture), Each(0));
+}
+
+TEST(ComposeTest, ThreadsMayDrawOnPicturesOfTheirOwnAtTheSameTime) {
+    const Picture yuv = randomPicture({64, 32}, AV_PIX_FMT_YUV420P);
+    const Picture yuva = randomPicture({64, 32}, AV_PIX_FMT_YUVA420P, AVCOL_RANGE_UNSPECIFIED, 1, 2);
+    const auto draw = [&](Picture& picture) {
+        DrawUtils::fillRectangle(picture, Color(1, 2, 3));
+        DrawUtils::compose(picture, yuv, {2, 4});
+        DrawUtils::compose(picture, yuva, {-8, 6});
+    };
+    std::vector<Picture> pictures;
+    for (int i = 0; i < 4; ++i) pictures.emplace_back(rect_size_t{64, 32}, AV_PIX_FMT_YUV420P);
+    std::vector<std::thread> threads;
+    for (Picture& picture : pictures) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < 100; ++round) draw(picture);
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    Picture expected({64, 32}, AV_PIX_FMT_YUV420P);
+    draw(expected);
+    for (const Picture& picture : pictures) EXPECT_EQ(visibleBytes(picture), visibleBytes(expected));
 }
 
 }  // namespace

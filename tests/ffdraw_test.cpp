@@ -1,6 +1,7 @@
 #include "kvffmpeg/ffdraw.h"
 
 #include <gmock/gmock.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <climits>
@@ -723,6 +724,23 @@ TEST(FFCopyRectangle2Test, EqualsTheModelInEveryFormatBesideGuardPages) {
     }
 }
 
+TEST(FFCopyRectangle2Test, StartsAtTheChromaSamplesThatHoldOddPositions) {
+    const FFDrawContext context = contextOf(AV_PIX_FMT_YUV420P);
+    Image source(context, 6, 4, 0, false, GuardedEnd::back);
+    for (int i = 0; i < 24; ++i) source.data[0][i] = static_cast<std::uint8_t>(100 + i);
+    for (int i = 0; i < 6; ++i) {
+        source.data[1][i] = static_cast<std::uint8_t>(10 + i);
+        source.data[2][i] = static_cast<std::uint8_t>(20 + i);
+    }
+    Image image(context, 6, 2, 0, false, GuardedEnd::back);
+    image.fill(1);
+    ff_copy_rectangle2(&context, image.data, image.linesizes, source.data, source.linesizes, 1, 1, 3, 3, 3,
+                       1);
+    EXPECT_THAT(image.bytes(), ElementsAre(1, 1, 1, 1, 1, 1, 1, 121, 122, 123, 1, 1,  // Y
+                                           14, 15, 1,                                 // U
+                                           24, 25, 1));                               // V
+}
+
 TEST(FFCopyRectangle2Test, WholeImagesAreCopied) {
     for (AVPixelFormat format : acceptedFormats()) {
         const FFDrawContext context = contextOf(format);
@@ -750,7 +768,7 @@ TEST(FFCopyRectangle2Test, RectangleWithoutAreaCopiesNothing) {
 TEST(FFCopyRectangle2Test, RectanglesOfOneImageMayOverlap) {
     const FFDrawContext context = contextOf(AV_PIX_FMT_YUV420P);
     for (bool bottomUp : {false, true}) {
-        for (const auto& [x, y] : {std::pair{2, 2}, {2, 0}, {0, 2}, {2, 6}, {6, 2}, {4, 4}}) {
+        for (const auto& [x, y] : {std::pair{2, 2}, {2, 0}, {0, 2}, {2, 6}, {6, 2}, {4, 4}, {2, 4}, {6, 4}}) {
             Twins twins(context, 20, 20, 0, bottomUp);
             ff_copy_rectangle2(&context, twins.drawn.data, twins.drawn.linesizes, twins.drawn.data,
                                twins.drawn.linesizes, x, y, 4, 4, 10, 10);
@@ -761,6 +779,40 @@ TEST(FFCopyRectangle2Test, RectanglesOfOneImageMayOverlap) {
             EXPECT_EQ(twins.drawn.bytes(), twins.model.bytes()) << x << "," << y << " " << bottomUp;
         }
     }
+}
+
+// ---- Distances
+
+TEST(FFDrawDistanceTest, RowsMayLieGigabytesApart) {
+    constexpr int linesize = 1100000000;
+    constexpr std::size_t size = std::size_t{5} * linesize + 4096;
+    void* mapping =
+        mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (mapping == MAP_FAILED) GTEST_SKIP() << "there is no room for rows so far apart";
+    auto* start = static_cast<std::uint8_t*>(mapping);
+    const FFDrawContext context = contextOf(AV_PIX_FMT_GRAY8, FF_DRAW_FULL_RANGE);
+    std::uint8_t* const destination[] = {start};
+    const std::uint8_t* const source[] = {start};
+    const int linesizes[] = {linesize};
+
+    const FFDrawColor dark = colorOf(context, 10, 10, 10);
+    ff_fill_rectangle(&context, &dark, destination, linesizes, 1, 3, 4, 2);
+    EXPECT_EQ(start[std::ptrdiff_t{4} * linesize + 4], 10);
+    EXPECT_EQ(start[std::ptrdiff_t{4} * linesize + 5], 0);
+
+    ff_copy_rectangle2(&context, destination, linesizes, source, linesizes, 100, 4, 1, 3, 4, 2);
+    EXPECT_EQ(start[std::ptrdiff_t{5} * linesize + 103], 10);
+    EXPECT_EQ(start[std::ptrdiff_t{5} * linesize + 104], 0);
+
+    const FFDrawColor white = colorOf(context, 255, 255, 255);
+    const std::uint8_t full[] = {255, 255};
+    for (int l2depth : {0, 3}) {
+        const int x0 = l2depth == 0 ? 200 : 300;
+        ff_blend_mask(&context, &white, destination, linesizes, 400, 6, full, 1, 1, 2, l2depth, 0, x0, 4);
+        EXPECT_EQ(start[std::ptrdiff_t{5} * linesize + x0], 255) << l2depth;
+        EXPECT_EQ(start[std::ptrdiff_t{5} * linesize + x0 + 1], 0) << l2depth;
+    }
+    munmap(mapping, size);
 }
 
 // ---- Masks

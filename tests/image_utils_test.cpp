@@ -2,10 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <limits>
 #include <memory>
+#include <new>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include "kvffmpeg/image_utils.h"
@@ -16,6 +20,36 @@
 extern "C" {
 #include <libswscale/swscale.h>
 }
+
+// The sanitizers have operators of their own.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define OWN_NEW 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define OWN_NEW 0
+#endif
+#endif
+#ifndef OWN_NEW
+#define OWN_NEW 1
+#endif
+
+#if OWN_NEW
+namespace {
+bool arrayNewFails = false;  ///< Pictures take their pixels from array new.
+}
+// Not inlined: g++ 12 would warn that free does not go with new.
+[[gnu::noinline]] void* operator new[](std::size_t size) {
+    void* block = arrayNewFails ? nullptr : std::malloc(std::max<std::size_t>(size, 1));
+    if (block) return block;
+    throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete[](void* block) noexcept {
+    std::free(block);
+}
+[[gnu::noinline]] void operator delete[](void* block, std::size_t /*size*/) noexcept {
+    std::free(block);
+}
+#endif
 
 namespace kvffmpeg {
 namespace {
@@ -136,6 +170,7 @@ TEST(ChromaKeyingInPlaceTest, KeyColourBecomesFullRangeChroma) {
         // Components are not limited to 255, and these sums need more than 32 bits.
         {{4294967295U, 0, 0}, 128, 127},
         {{3000000000U, 300, 4000000001U}, 60, 132},
+        {{1, 4000000000U, 2}, 3, 254},
     };
     for (const Case& c : cases) {
         for (int du = -1; du <= 1; ++du) {
@@ -352,6 +387,32 @@ TEST(ChromaKeyingTest, FormatThatCannotBeConvertedIsRefused) {
     }
     EXPECT_GT(formats, 0);
 }
+
+#if OWN_NEW
+/// False where something else, such as valgrind, has replaced array new.
+bool arrayNewIsOwn() {
+    arrayNewFails = true;
+    try {
+        operator delete[](operator new[](1));
+        arrayNewFails = false;
+    } catch (const std::bad_alloc&) {
+    }
+    return std::exchange(arrayNewFails, false);
+}
+
+TEST(ChromaKeyingTest, WithoutMemoryThrowsAndLeavesTheArgument) {
+    if (!arrayNewIsOwn()) GTEST_SKIP() << "array new cannot be made to fail here";
+    for (AVPixelFormat format : {AV_PIX_FMT_RGBA, AV_PIX_FMT_YUVA420P}) {  // converted, and only copied
+        const Picture picture = randomPicture({16, 16}, format);
+        const Bytes before = bufferBytes(picture);
+        arrayNewFails = true;
+        EXPECT_THROW(ImageUtils::chromaKeying(picture, green, 0.5F, 0), std::bad_alloc);
+        arrayNewFails = false;
+        EXPECT_EQ(bufferBytes(picture), before) << picture;
+        EXPECT_TRUE(picture.editable()) << picture;
+    }
+}
+#endif
 
 }  // namespace
 }  // namespace kvffmpeg

@@ -136,11 +136,17 @@ TEST_P(KernelsTest, BlendRowRoundsToNearestForEverySampleAndAlpha) {
     for (int alpha = 0; alpha < 256; ++alpha) {
         const Bytes alphas(256, static_cast<std::uint8_t>(alpha));
         for (int destination = 0; destination < 256; ++destination) {
-            Bytes blended(256, static_cast<std::uint8_t>(destination));
-            variant().blendRow(blended.data(), sources.data(), alphas.data(), 256);
-            for (std::size_t source = 0; source < 256; ++source) {
-                ASSERT_EQ(blended[source], roundedBlend(destination, static_cast<int>(source), alpha))
-                    << "D " << destination << ", S " << source << ", a " << alpha;
+            // Vectors of all widths: a long piece, and such as are left at the end of a row.
+            for (const std::ptrdiff_t piece : {256, 24}) {
+                Bytes blended(256, static_cast<std::uint8_t>(destination));
+                for (std::ptrdiff_t i = 0; i < 256; i += piece) {
+                    variant().blendRow(blended.data() + i, sources.data() + i, alphas.data() + i,
+                                       std::min<std::ptrdiff_t>(piece, 256 - i));
+                }
+                for (std::size_t source = 0; source < 256; ++source) {
+                    ASSERT_EQ(blended[source], roundedBlend(destination, static_cast<int>(source), alpha))
+                        << "D " << destination << ", S " << source << ", a " << alpha;
+                }
             }
         }
     }

@@ -512,6 +512,29 @@ TEST(PictureComposeTest, EqualFormatWithAlphaIsBlendedAsIfItWerePlanar) {
     EXPECT_EQ(bufferBytes(destination), bufferBytes(expected));
 }
 
+TEST(PictureComposeTest, FourthByteOfAPixelIsItsAlphaWhateverItMeans) {
+    for (AVPixelFormat format : {AV_PIX_FMT_ARGB, AV_PIX_FMT_ABGR, AV_PIX_FMT_RGB0, AV_PIX_FMT_BGR0}) {
+        ASSERT_NO_FATAL_FAILURE(
+            expectLike(composeNaively, noise({20, 10}), randomOverlay({12, 9}, format, 8), {4, 2}));
+    }
+}
+
+TEST(PictureComposeTest, DestinationWithoutChromaTakesLumaAlone) {
+    const Picture before = noise({9, 5}, AV_PIX_FMT_GRAY8);
+    const Picture overlay = randomOverlay({9, 5}, AV_PIX_FMT_RGBA, 3);
+    const Picture converted = Scaler().convertToColorspace(overlay, AV_PIX_FMT_GRAY8, before.colorRange());
+    Picture destination = ownCopy(before);
+    destination.compose(overlay, {0, 0});
+    for (int y = 0; y < 5; ++y) {
+        for (int x = 0; x < 9; ++x) {
+            EXPECT_EQ(sample(destination, 0, x, y),
+                      blended(sample(before, 0, x, y), sample(converted, 0, x, y),
+                              sample(overlay, 0, 4 * x + 3, y)))
+                << x << ", " << y;
+        }
+    }
+}
+
 TEST(PictureComposeTest, OverlayWithHalvedChromaLosesItsLastRowAndColumn) {
     const Picture before = noise({8, 8});
     Picture destination = ownCopy(before);
@@ -826,6 +849,22 @@ TEST(PictureColourFillTest, SharedPictureIsRefusedAndUnchanged) {
     EXPECT_THAT([&] { picture.fillWithRGB(1, 2, 3); },
                 ThrowsMessage<std::runtime_error>(StrEq("fillRectangle: Picture must be editable")));
     EXPECT_EQ(bufferBytes(picture), before);
+}
+
+TEST(PictureColourFillTest, FormatThatIsNotDrawnOnIsRefusedByItsName) {
+    Picture picture = noise({8, 8}, AV_PIX_FMT_PAL8);
+    const Bytes before = bufferBytes(picture);
+    EXPECT_THAT([&] { picture.fillWithRGB(1, 2, 3); },
+                ThrowsMessage<std::runtime_error>(StrEq("Drawing is not supported for pal8")));
+    EXPECT_EQ(bufferBytes(picture), before);
+}
+
+TEST(PictureColourFillTest, ColoursFollowTheRangeOfThePicture) {
+    for (const auto& [range, white] : {std::pair{AVCOL_RANGE_MPEG, 235}, {AVCOL_RANGE_JPEG, 255}}) {
+        Picture picture = solid({2, 2}, AV_PIX_FMT_YUV420P, {1}, range);
+        picture.fillWithRGB(255, 255, 255);
+        EXPECT_EQ(sample(picture, 0, 0, 0), white);
+    }
 }
 
 TEST(PictureColourFillTest, EmptyPictureIsRefused) {

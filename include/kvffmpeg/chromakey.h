@@ -14,7 +14,8 @@ namespace kvffmpeg {
 ///
 /// Planes 1 and 2 are read, plane 3 is written, plane 0 need not exist. `width` and `height` are in pixels;
 /// where they are odd, the last column or row of alpha keeps its values. `key` points to two bytes, U and V.
-/// Not checked: that the planes hold rows of these sizes; nothing beyond is touched. A similarity whose T
+/// Not checked: that the planes hold rows of these sizes, and that plane 3 shares no memory with the others;
+/// nothing beyond the rows is touched. Linesizes may be negative. A similarity whose T
 /// does not fit in an int counts as the nearest that does, one that is not a number as 0. The result is the
 /// same on every CPU. Allocates nothing.
 KVFFMPEG_EXPORT void chromakey_yuva420p(std::uint8_t* const planes[], const int linesizes[], int width,

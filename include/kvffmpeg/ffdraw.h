@@ -74,7 +74,7 @@ KVFFMPEG_EXPORT void ff_draw_color(const FFDrawContext* draw, FFDrawColor* color
 /// Sets every component of the rectangle, alpha included, to the colour, which is of the same format. In a
 /// subsampled plane the rectangle starts at the sample that holds (x, y) and has its width and height rounded
 /// up: align it to the chroma grid for luma and chroma that agree. Without a width or height (also a negative
-/// one) nothing is drawn. Not checked: that the rectangle lies within the planes.
+/// one) nothing is drawn, and no plane need exist. Not checked: that the rectangle lies within the planes.
 KVFFMPEG_EXPORT void ff_fill_rectangle(const FFDrawContext* draw, const FFDrawColor* color,
                                        std::uint8_t* const dst[], const int dst_linesize[], int x, int y,
                                        int w, int h) noexcept;
