@@ -86,6 +86,22 @@ std::optional<int> coordinate(std::string_view text) {
     return static_cast<int>(isNegative ? -value : value);
 }
 
+struct Placed {
+    std::string what;
+    point_t position;
+};
+
+/// "WHAT@X,Y", split at the last "@".
+std::optional<Placed> splitPlaced(const std::string& text) {
+    const std::size_t at = text.rfind('@');
+    if (at == std::string::npos || at == 0) return std::nullopt;
+    const std::vector<std::string_view> parts = split(std::string_view(text).substr(at + 1), ',');
+    const std::optional<int> x = coordinate(parts[0]);
+    const std::optional<int> y = parts.size() == 2 ? coordinate(parts[1]) : std::nullopt;
+    if (!x || !y) return std::nullopt;
+    return Placed{text.substr(0, at), {*x, *y}};
+}
+
 /// A decimal number from 0 to 1.
 std::optional<float> share(std::string_view text) {
     const std::size_t point = text.find('.');
@@ -182,14 +198,44 @@ FillArgument parseFill(const std::string& text) {
 }
 
 OverlayArgument parseOverlay(const std::string& text) {
-    const std::size_t at = text.rfind('@');
-    if (at != std::string::npos && at > 0) {
-        const std::vector<std::string_view> parts = split(std::string_view(text).substr(at + 1), ',');
-        const std::optional<int> x = coordinate(parts[0]);
-        const std::optional<int> y = parts.size() == 2 ? coordinate(parts[1]) : std::nullopt;
-        if (x && y) return {text.substr(0, at), {*x, *y}};
+    const std::optional<Placed> placed = splitPlaced(text);
+    if (!placed) refuse("--overlay", text, "expected FILE@X,Y with whole numbers, such as logo.png@16,-8");
+    return {placed->what, placed->position};
+}
+
+TextArgument parseText(const std::string& text) {
+    const std::optional<Placed> placed = splitPlaced(text);
+    if (!placed) refuse("--text", text, "expected TEXT@X,Y with whole numbers, such as Hello@16,-8");
+    return {placed->what, placed->position};
+}
+
+PaddingArgument parsePadding(const std::string& text) {
+    std::vector<int> sides;
+    for (const std::string_view part : split(text, ',')) {
+        const std::int64_t value = number(part);
+        if (value >= 0 && value <= longestSide) sides.push_back(static_cast<int>(value));
     }
-    refuse("--overlay", text, "expected FILE@X,Y with whole numbers, such as logo.png@16,-8");
+    if (sides.size() != 4 || std::count(text.begin(), text.end(), ',') != 3) {
+        refuse(
+            "--padding", text,
+            "expected L,T,R,B with numbers from 0 to " + std::to_string(longestSide) + ", such as 8,4,8,4");
+    }
+    return {sides[0], sides[1], sides[2], sides[3]};
+}
+
+Color parseColor(const std::string& option, const std::string& text) {
+    const std::optional<Color> parsed = color(text);
+    if (!parsed) refuse(option, text, "expected a colour such as white, 0x204060 or black@0.5");
+    return *parsed;
+}
+
+rect_size_t parseGrid(const std::string& text) {
+    constexpr int most = 100;
+    const rect_size_t grid = sidesOf(text);
+    if (grid.w < 1 || grid.h < 1 || grid.w > most || grid.h > most) {
+        refuse("--grid", text, "expected CxR, columns and rows, from 1 to " + std::to_string(most));
+    }
+    return grid;
 }
 
 }  // namespace kvffmpeg::tool

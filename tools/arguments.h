@@ -35,6 +35,19 @@ struct OverlayArgument {
     point_t position;
 };
 
+struct TextArgument {
+    std::string text;
+    point_t position;
+};
+
+/// Space around a text, in pixels.
+struct PaddingArgument {
+    int left = 0;
+    int top = 0;
+    int right = 0;
+    int bottom = 0;
+};
+
 /// "12.5" (seconds) or "[HH:]MM:SS[.mmm]", in microseconds; digits beyond those are dropped.
 /// @throws UsageError for anything else.
 Timestamp parseTime(const std::string& text);
@@ -63,5 +76,18 @@ FillArgument parseFill(const std::string& text);
 /// "FILE@X,Y"; X and Y may be negative, and the file's name may have further "@". @throws UsageError for
 /// anything else.
 OverlayArgument parseOverlay(const std::string& text);
+
+/// "TEXT@X,Y"; X and Y may be negative, and the text may have further "@". @throws UsageError for anything
+/// else.
+TextArgument parseText(const std::string& text);
+
+/// "L,T,R,B", none of them negative. @throws UsageError for anything else.
+PaddingArgument parsePadding(const std::string& text);
+
+/// The value of `option`, with alpha or without. @throws UsageError for anything else.
+Color parseColor(const std::string& option, const std::string& text);
+
+/// "COLUMNSxROWS". @throws UsageError for anything else.
+rect_size_t parseGrid(const std::string& text);
 
 }  // namespace kvffmpeg::tool

@@ -1,5 +1,6 @@
 #include "drawing.h"
 
+#include <cstddef>
 #include <stdexcept>
 
 #include "errors.h"
@@ -23,6 +24,16 @@ Picture load(const std::string& option, const std::string& path) {
     return picture;
 }
 
+/// `text` with `time` for every "{pts}".
+std::string withTime(std::string text, const std::string& time) {
+    const std::string place = "{pts}";
+    for (std::size_t at = text.find(place); at != std::string::npos; at = text.find(place, at)) {
+        text.replace(at, place.size(), time);
+        at += time.size();
+    }
+    return text;
+}
+
 }  // namespace
 
 Drawing::Drawing(const DrawingOptions& options, Scaler::ScalingAlgorithm algorithm) : algorithm_(algorithm) {
@@ -34,6 +45,7 @@ Drawing::Drawing(const DrawingOptions& options, Scaler::ScalingAlgorithm algorit
     }
     if (options.key) key_ = parseKey(*options.key);
     for (const std::string& text : options.fills) fills_.push_back(parseFill(text));
+    prepareTexts(options);
     if (options.background) loadBackground(*options.background);
     for (const std::string& text : options.overlays) loadOverlay(text);
 }
@@ -54,7 +66,22 @@ void Drawing::loadOverlay(const std::string& text) {
     overlays_.push_back({argument, rgba});
 }
 
-Picture Drawing::draw(const Picture& picture) {
+void Drawing::prepareTexts(const DrawingOptions& options) {
+    const std::string& given = options.textStyle.given;
+    if (options.texts.empty() && !given.empty()) {
+        throw UsageError(given + ": expected --text with it, TEXT@X,Y");
+    }
+    for (const std::string& text : options.texts) texts_.push_back(parseText(text));
+    if (texts_.empty()) return;
+    const TextStyle style = styleOf(options.textStyle);
+    font_ = style.font;
+    textRenderer_ = makeRenderer(style);
+    for (std::size_t i = 0; i < texts_.size(); ++i) {
+        requireUtf8(*textRenderer_, "--text \"" + options.texts[i] + "\"", texts_[i].text);
+    }
+}
+
+Picture Drawing::draw(const Picture& picture, const std::string& time) {
     if (isEmpty()) return picture;
     Canvas canvas(frameScaler_, picture, key_.has_value());
     prepareFor(canvas);
@@ -64,6 +91,9 @@ Picture Drawing::draw(const Picture& picture) {
     }
     for (const PlacedOverlay& overlay : preparedOverlays_) {
         DrawUtils::compose(canvas.picture(), overlay.picture, overlay.position);
+    }
+    for (const TextArgument& text : texts_) {
+        textRenderer_->drawTo(canvas.picture(), withTime(text.text, time), text.position);
     }
     return canvas.result();
 }
@@ -109,6 +139,7 @@ void Drawing::refuseToOverwriteFiles(const std::string& path) const {
         refuseToOverwrite(path, overlay.argument.path, "an overlay");
     }
     if (background_) refuseToOverwrite(path, background_->path, "the background");
+    if (textRenderer_) refuseToOverwrite(path, font_, "the font");
 }
 
 }  // namespace kvffmpeg::tool

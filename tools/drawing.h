@@ -1,13 +1,16 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "arguments.h"
 #include "canvas.h"
+#include "kvffmpeg/freetype_rendering.h"
 #include "kvffmpeg/picture.h"
 #include "kvffmpeg/scaler.h"
+#include "text_style.h"
 
 namespace kvffmpeg::tool {
 
@@ -17,20 +20,24 @@ struct DrawingOptions {
     std::optional<std::string> background;
     std::vector<std::string> fills;
     std::vector<std::string> overlays;
+    std::vector<std::string> texts;
+    TextStyleOptions textStyle;
 };
 
-/// Draws on pictures: keys them over a background, then fills rectangles, then puts overlays onto them, each
-/// in the order of the command line.
+/// Draws on pictures: keys them over a background, then fills rectangles, then puts overlays onto them, then
+/// writes texts, each in the order of the command line.
 class Drawing {
 public:
     /// Loads what is drawn. `algorithm` scales the background.
     /// @throws UsageError for texts that cannot be understood, and for a key without a background and the
-    /// other way round; std::runtime_error for a file without a picture.
+    /// other way round, as for a style of texts without a text; std::runtime_error for a file without a
+    /// picture, and for a font that cannot be used or found.
     Drawing(const DrawingOptions& options, Scaler::ScalingAlgorithm algorithm);
 
-    /// The picture with all that is drawn on it; the picture itself when that is nothing.
+    /// The picture with all that is drawn on it; the picture itself when that is nothing. `time` stands for
+    /// "{pts}" in texts.
     /// @throws std::runtime_error for a picture in a format that cannot be converted.
-    Picture draw(const Picture& picture);
+    Picture draw(const Picture& picture, const std::string& time);
 
     /// @throws std::runtime_error when `path` is a file that was loaded.
     void refuseToOverwriteFiles(const std::string& path) const;
@@ -41,9 +48,10 @@ private:
         Picture picture;  ///< rgba.
     };
 
-    bool isEmpty() const noexcept { return !key_ && fills_.empty() && overlays_.empty(); }
+    bool isEmpty() const noexcept { return !key_ && fills_.empty() && overlays_.empty() && texts_.empty(); }
     void loadBackground(const std::string& text);
     void loadOverlay(const std::string& text);
+    void prepareTexts(const DrawingOptions& options);
     /// Makes what fits the canvas, unless the last one was like it.
     void prepareFor(const Canvas& canvas);
     Picture backgroundFor(const Canvas& canvas) const;
@@ -54,6 +62,9 @@ private:
     Picture backgroundPicture_;
     std::vector<FillArgument> fills_;
     std::vector<Overlay> overlays_;
+    std::vector<TextArgument> texts_;
+    std::string font_;
+    std::unique_ptr<FreeTypeTextRenderer> textRenderer_;  ///< Null without texts.
 
     Scaler frameScaler_;
     Scaler::ScalingAlgorithm algorithm_;

@@ -45,25 +45,6 @@ Picture scaled(Scaler& scaler, const Picture& picture, rect_size_t wanted) {
     return result;
 }
 
-/// The longest that a picture can be shown after it was decoded. Containers are searched by decoding time.
-Timestamp reorderingDelay(const AVStream& track) {
-    constexpr int mostReordered = 16;  // pictures; the limit of H.264 and HEVC
-    const std::optional<AVRational> rate = frameRate(track);
-    if (!rate) return Timestamp(1000000);
-    return Timestamp(av_rescale(mostReordered * std::int64_t{1000000}, rate->den, rate->num));
-}
-
-/// Moves to a key frame from which the picture at `target` can be decoded. An input that cannot seek is read
-/// from its beginning.
-void seekBefore(Input& input, unsigned int track, Timestamp target) {
-    if (input.context().isStreamed()) return;
-    const Timestamp safe = target - reorderingDelay(*input.context().trackAtIndex(track));
-    if (input.seek(std::max(safe, input.start()))) return;
-    throwIfInterrupted();
-    input.reopen();
-    discardOthers(input.context(), track);
-}
-
 /// Saves pictures under numbered names.
 class PictureFiles {
 public:
@@ -105,9 +86,8 @@ void setAlgorithm(Scaler& scaler, const std::string& name) {
 
 void showPosition(const Input& input, const Frame& frame, std::uint64_t written) {
     if (!progressIsDue()) return;
-    const bool hasTime = frame.PTS().value() != AV_NOPTS_VALUE;
-    showProgress(std::to_string(written) + " pictures" +
-                 (hasTime ? ", " + clockText(frame.PTS() - input.start()) : ""));
+    const std::string position = positionText(input, frame);
+    showProgress(std::to_string(written) + " pictures" + (position.empty() ? "" : ", " + position));
 }
 
 /// Returns whether there was any picture for the filter.
@@ -127,7 +107,8 @@ bool saveAll(Input& input, unsigned int track, const FramesOptions& options, Sca
         const Picture picture = filter.filter(frame);
         if (picture.empty()) continue;
         drawing.refuseToOverwriteFiles(files.nextName());
-        files.save(drawing.draw(options.size ? scaled(scaler, picture, *options.size) : picture));
+        files.save(drawing.draw(options.size ? scaled(scaler, picture, *options.size) : picture,
+                                positionText(input, frame, "--:--:--.---")));
     }
     clearProgress();
     return hasPicture;

@@ -12,6 +12,8 @@
 #include "interruption.h"
 #include "log.h"
 #include "probe.h"
+#include "sheet.h"
+#include "text.h"
 #include "waveform.h"
 
 namespace kvffmpeg::tool {
@@ -26,6 +28,8 @@ struct Options {
     ProbeOptions probe;
     FramesOptions frames;
     WaveformOptions waveform;
+    SheetOptions sheet;
+    TextOptions text;
 };
 
 std::string libraryVersion(unsigned version) {
@@ -131,6 +135,58 @@ void addSelectionOptions(CLI::App& command, FramesOptions& frames) {
         ->type_name("I");
 }
 
+/// How texts look. `style.given` becomes one of those that are given.
+void addTextStyle(CLI::App& command, TextStyleOptions& style) {
+    command
+        .add_option_function<std::string>(
+            "--font",
+            [&style](const std::string& text) {
+                style.font = text;
+                style.given = "--font";
+            },
+            "Font file for texts; otherwise one is looked for in the folder fonts of\n"
+            "$XDG_DATA_HOME and $XDG_DATA_DIRS. What it lacks is drawn as a question mark")
+        ->type_name("FILE");
+    command
+        .add_option_function<std::string>(
+            "--font-size",
+            [&style](const std::string& text) {
+                style.size = static_cast<int>(parseNumber("--font-size", text, 1, largestFontSize));
+                style.given = "--font-size";
+            },
+            "Height of the font in pixels; 24 otherwise")
+        ->type_name("N");
+    command
+        .add_option_function<std::string>(
+            "--font-color",
+            [&style](const std::string& text) {
+                style.color = text;
+                style.given = "--font-color";
+            },
+            "Colour of texts; white otherwise. Pictures that have alpha become as\n"
+            "transparent as it is")
+        ->type_name("COLOR");
+    command
+        .add_option_function<std::string>(
+            "--background-color",
+            [&style](const std::string& text) {
+                style.background = text;
+                style.given = "--background-color";
+            },
+            "Colour of a rectangle behind texts, which replaces what is there; there is\n"
+            "none otherwise, nor with an alpha of 0")
+        ->type_name("COLOR");
+    command
+        .add_option_function<std::string>(
+            "--padding",
+            [&style](const std::string& text) {
+                style.padding = parsePadding(text);
+                style.given = "--padding";
+            },
+            "Space around texts: left, top, right and bottom")
+        ->type_name("L,T,R,B");
+}
+
 void addDrawingOptions(CLI::App& command, DrawingOptions& drawing) {
     command
         .add_option("--key", drawing.key,
@@ -156,6 +212,14 @@ void addDrawingOptions(CLI::App& command, DrawingOptions& drawing) {
                     "negative. May be given several times")
         ->type_name("FILE@X,Y")
         ->allow_extra_args(false);
+    command
+        .add_option("--text", drawing.texts,
+                    "Write this text, its top left corner at X,Y, which may be negative; the\n"
+                    "last @ in it is the one. {pts} in the text is the picture's time from the\n"
+                    "start of the input on, as HH:MM:SS.mmm. May be given several times")
+        ->type_name("TEXT@X,Y")
+        ->allow_extra_args(false);
+    addTextStyle(command, drawing.textStyle);
 }
 
 CLI::App* addFrames(CLI::App& app, Options& options) {
@@ -174,7 +238,7 @@ CLI::App* addFrames(CLI::App& app, Options& options) {
         "there are filters that read and write files.\n"
         "\n"
         "What is given is applied in this order: --filter, --size, --key over --background, every --fill,\n"
-        "every --overlay, fills and overlays in the order in which they are given. Positions are pixels\n"
+        "every --overlay, every --text, each in the order in which they are given. Positions are pixels\n"
         "of the pictures that are saved. Colours are names or hexadecimal: white, 0x00b140, red@0.5.\n"
         "Pictures that are drawn on become 4:2:0 if they are 4:2:0 or keyed, and RGBA otherwise.\n"
         "\n"
@@ -183,20 +247,25 @@ CLI::App* addFrames(CLI::App& app, Options& options) {
         "  kvffmpeg frames clip.mp4 -o thumbnail%d.jpg --start 1:30 --count 1 --size 320x-1\n"
         "  kvffmpeg frames clip.mp4 -o framed%d.png --filter \"crop=200:100,pad=220:120:10:10:white\"\n"
         "  kvffmpeg frames clip.mp4 -o titled%d.png --fill 0,140,320,40,navy --overlay logo.png@8,144\n"
-        "  kvffmpeg frames studio.mp4 -o beach%d.jpg --key 0x00b140 --background beach.jpg");
+        "  kvffmpeg frames studio.mp4 -o beach%d.jpg --key 0x00b140 --background beach.jpg\n"
+        "  kvffmpeg frames clip.mp4 -o timed%d.png --text \"Take 3, {pts}@8,8\" --background-color black");
     return command;
+}
+
+void addOutput(CLI::App& command, std::string& output) {
+    command
+        .add_option("-o,--output", output,
+                    "Name of the picture; its ending (.png, .jpg, .bmp) is the format.\n"
+                    "A file that exists is overwritten")
+        ->required()
+        ->type_name("FILE");
 }
 
 CLI::App* addWaveform(CLI::App& app, Options& options) {
     WaveformOptions& waveform = options.waveform;
     CLI::App* command = app.add_subcommand("waveform", "Save a picture of the sound of an audio track");
     addInput(*command, waveform.input, options);
-    command
-        ->add_option("-o,--output", waveform.output,
-                     "Name of the picture; its ending (.png, .jpg, .bmp) is the format.\n"
-                     "A file that exists is overwritten")
-        ->required()
-        ->type_name("FILE");
+    addOutput(*command, waveform.output);
     command
         ->add_option_function<std::string>(
             "--size", [&waveform](const std::string& text) { waveform.size = parseExactSize(text); },
@@ -230,15 +299,82 @@ CLI::App* addWaveform(CLI::App& app, Options& options) {
     return command;
 }
 
+CLI::App* addSheet(CLI::App& app, Options& options) {
+    SheetOptions& sheet = options.sheet;
+    CLI::App* command =
+        app.add_subcommand("sheet", "Save one picture of many pictures of a video track with their times");
+    addInput(*command, sheet.input, options);
+    addOutput(*command, sheet.output);
+    command
+        ->add_option_function<std::string>(
+            "--grid", [&sheet](const std::string& text) { sheet.grid = parseGrid(text); },
+            "Columns and rows, 1 to 100 each; 4x4 otherwise")
+        ->type_name("CxR");
+    command
+        ->add_option_function<std::string>(
+            "--width",
+            [&sheet](const std::string& text) {
+                sheet.width = static_cast<int>(parseNumber("--width", text, 1, longestSide));
+            },
+            "Width of the sheet in pixels; 1280 otherwise")
+        ->type_name("W");
+    command
+        ->add_option("--font", sheet.font,
+                     "Font file for the times; otherwise one is looked for in the folder fonts\n"
+                     "of $XDG_DATA_HOME and $XDG_DATA_DIRS")
+        ->type_name("FILE");
+    command
+        ->add_option_function<std::string>(
+            "--track", [&sheet](const std::string& text) { sheet.track = parseNumber("--track", text, 0); },
+            "Index of the video track; the first one that is no cover picture otherwise")
+        ->type_name("I");
+    command->footer(
+        "The pictures are evenly spaced, and are found by seeking. Where that does not give enough of\n"
+        "them, as in inputs that cannot seek or do not know their duration, all of the input is read, and\n"
+        "they are evenly spaced by number. An input with fewer pictures than there are places gives a\n"
+        "smaller sheet. Times are HH:MM:SS.mmm from the start of the input on; where a picture is too\n"
+        "small for its time, there is none. The first picture decides on the shape of all places.\n"
+        "\n"
+        "Examples:\n"
+        "  kvffmpeg sheet clip.mp4 -o sheet.png\n"
+        "  kvffmpeg sheet film.mkv -o film.jpg --grid 6x8 --width 1920");
+    return command;
+}
+
+CLI::App* addText(CLI::App& app, Options& options) {
+    TextOptions& text = options.text;
+    CLI::App* command = app.add_subcommand("text", "Save a picture of a text");
+    command->add_option("TEXT", text.text, "The text, in UTF-8; line feeds begin new lines")->required();
+    addVerbosity(*command, options);
+    addOutput(*command, text.output);
+    addTextStyle(*command, text.style);
+    command
+        ->add_option("--raster-font", text.rasterFont,
+                     "Picture of 16x16 equal cells, one for each byte of the text, in place of\n"
+                     "--font and all else that says how texts look")
+        ->type_name("FILE");
+    command->footer(
+        "The picture is as large as the text and its padding. Without --background-color it is transparent\n"
+        "where no text is.\n"
+        "\n"
+        "Examples:\n"
+        "  kvffmpeg text \"Hello, world!\" -o hello.png --font-size 48 --font-color gold\n"
+        "  kvffmpeg text 3:2 -o score.jpg --background-color navy --padding 16,4,16,4\n"
+        "  kvffmpeg text READY -o ready.png --raster-font glyphs.png");
+    return command;
+}
+
 void execute(int argc, char** argv) {
     Options options;
-    CLI::App app("Describes media, saves pictures from video, and draws sound.", "kvffmpeg");
+    CLI::App app("Describes media, saves pictures from video, and draws sound and text.", "kvffmpeg");
     app.set_version_flag("--version", versionText(), "Print the version and exit");
     addVerbosity(app, options);
     app.require_subcommand(1);
     const CLI::App* probeCommand = addProbe(app, options);
     const CLI::App* framesCommand = addFrames(app, options);
-    addWaveform(app, options);
+    const CLI::App* sheetCommand = addSheet(app, options);
+    const CLI::App* waveformCommand = addWaveform(app, options);
+    addText(app, options);
     app.footer("Run \"kvffmpeg COMMAND --help\" for its options and examples.");
     try {
         app.parse(argc, argv);
@@ -248,7 +384,10 @@ void execute(int argc, char** argv) {
     }
     setUpLogging(verbosityOf(options));
     if (probeCommand->parsed()) return probe(options.probe);
-    return framesCommand->parsed() ? saveFrames(options.frames) : saveWaveform(options.waveform);
+    if (framesCommand->parsed()) return saveFrames(options.frames);
+    if (sheetCommand->parsed()) return saveSheet(options.sheet);
+    if (waveformCommand->parsed()) return saveWaveform(options.waveform);
+    saveText(options.text);
 }
 
 int fail(const std::string& text, int exitCode) {

@@ -24,6 +24,21 @@ void requirePictureFormat(const std::string& path) {
     }
 }
 
+bool canHaveAlpha(const std::string& path) {
+    auto* format = av_guess_format(nullptr, path.c_str(), nullptr);
+    if (!format) return false;
+    switch (av_guess_codec(format, nullptr, path.c_str(), nullptr, AVMEDIA_TYPE_VIDEO)) {
+        case AV_CODEC_ID_PNG:
+        case AV_CODEC_ID_TIFF:
+        case AV_CODEC_ID_BMP:
+        case AV_CODEC_ID_SGI:
+        case AV_CODEC_ID_PAM:
+            return true;
+        default:
+            return false;
+    }
+}
+
 void refuseToOverwrite(const std::string& path, const std::string& name, const std::string& what) {
     std::error_code notThere;
     if (std::filesystem::equivalent(path, name, notThere)) {

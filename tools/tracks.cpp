@@ -1,9 +1,16 @@
 #include "tracks.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 
+#include "console.h"
 #include "errors.h"
+
+extern "C" {
+#include <libavutil/mathematics.h>
+}
 
 namespace kvffmpeg::tool {
 namespace {
@@ -30,6 +37,14 @@ unsigned int defaultTrack(const Input& input, AVMediaType type) {
     return *cover;
 }
 
+/// The longest that a picture can be shown after it was decoded. Containers are searched by decoding time.
+Timestamp reorderingDelay(const AVStream& track) {
+    constexpr int mostReordered = 16;  // pictures; the limit of H.264 and HEVC
+    const std::optional<AVRational> rate = frameRate(track);
+    if (!rate) return Timestamp(1000000);
+    return Timestamp(av_rescale(mostReordered * std::int64_t{1000000}, rate->den, rate->num));
+}
+
 }  // namespace
 
 unsigned int chooseTrack(const Input& input, AVMediaType type, const std::optional<unsigned int>& wanted) {
@@ -47,6 +62,16 @@ void discardOthers(FormatContext& context, unsigned int track) {
     }
 }
 
+bool seekBefore(Input& input, unsigned int track, Timestamp target) {
+    if (input.context().isStreamed()) return false;
+    const Timestamp safe = target - reorderingDelay(*input.context().trackAtIndex(track));
+    if (input.seek(std::max(safe, input.start()))) return true;
+    throwIfInterrupted();
+    input.reopen();
+    discardOthers(input.context(), track);
+    return false;
+}
+
 Frame nextFrame(Input& input, unsigned int track) {
     while (const std::shared_ptr<Packet> packet = input.readPacket()) {
         // Not every demuxer heeds the request to discard the others.
@@ -55,6 +80,14 @@ Frame nextFrame(Input& input, unsigned int track) {
         if (!frame.empty()) return frame;
     }
     return Frame();
+}
+
+bool hasTime(const Frame& frame) {
+    return !frame.PTS().is_nil() && frame.PTS().value() != AV_NOPTS_VALUE;
+}
+
+std::string positionText(const Input& input, const Frame& frame, const std::string& unknown) {
+    return hasTime(frame) ? clockText(frame.PTS() - input.start()) : unknown;
 }
 
 }  // namespace kvffmpeg::tool
