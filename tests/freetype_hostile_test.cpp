@@ -156,6 +156,21 @@ TEST_F(FreeTypeHostileTest, NoiseInEveryTableIsRefusedOrDrawn) {
     }
 }
 
+TEST_F(FreeTypeHostileTest, NoiseInTheKerningIsRefusedOrDrawn) {
+    font_ = test::readFile(test::sansFont());
+    const test::TableRange table = test::findTable(font_, "kern");
+    for (unsigned seed = 0; seed < 24; ++seed) {
+        SCOPED_TRACE(seed);
+        Bytes font = font_;
+        // Its header and the first pairs, and anywhere.
+        const std::size_t length = seed % 2 == 0 ? 64 : table.length;
+        test::addNoise(font, table.offset, std::min(length, table.length), 1 << (seed / 2), seed);
+        EXPECT_EQ(use(font), Outcome::drawn);
+    }
+    use(withEmptyTable("kern"));
+    use(withTableFilled("kern", 0xFF));
+}
+
 TEST_F(FreeTypeHostileTest, NoiseAllOverIsRefusedOrDrawn) {
     for (unsigned seed = 0; seed < 60; ++seed) {
         SCOPED_TRACE(seed);
@@ -229,6 +244,20 @@ TEST_F(FreeTypeHugeSizeTest, GlyphsBeyondAnIntAreNotDrawn) {
     const Bytes before = test::visibleBytes(picture);
     renderer.drawTo(picture, tabs_ + ".", {0, 0});
     EXPECT_EQ(test::visibleBytes(picture), before);
+}
+
+TEST_F(FreeTypeHugeSizeTest, GlyphsBeyondAnIntAreNotDrawnAtTheLargestEither) {
+    FreeTypeTextRenderer renderer = makeRenderer();
+    renderer.setBackgroundColor({0, 0, 0, 0});
+    Picture picture = test::randomPicture({64, 64}, AV_PIX_FMT_RGB24);
+    const Bytes before = test::visibleBytes(picture);
+    // Rows that go through the full stop, which is thousands of pixels high; the picture's columns would show
+    // what lies at the largest int.
+    constexpr int row = 27000;
+    renderer.drawTo(picture, tabs_ + ".", {-INT_MAX, -row});
+    EXPECT_EQ(test::visibleBytes(picture), before);
+    renderer.drawTo(picture, ".", {-renderer.getTextSize(".").w / 2, -row});
+    EXPECT_NE(test::visibleBytes(picture), before) << "the rows do not go through the full stop";
 }
 
 TEST_F(FreeTypeHostileTest, BitmapFontsWithNonsenseAreRefusedOrDrawn) {

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
@@ -35,6 +36,13 @@ struct Calls {
     int libraries = 0;  ///< Made and not done.
     bool initFails = false;
     bool getGlyphFails = false;
+    bool loadCharFails = false;
+    int failingLoads = 0;  ///< So many of the next.
+    // What FreeType says instead of the truth, in 64ths of a pixel.
+    std::optional<FT_Pos> advance;
+    std::optional<FT_Pos> kerning;
+    std::optional<FT_Pos> ascender;
+    std::optional<FT_Pos> descender;
 };
 Calls calls;
 
@@ -61,7 +69,25 @@ FT_Error FT_Done_FreeType(FT_Library library) {
 
 FT_Error FT_Load_Glyph(FT_Face face, FT_UInt glyph, FT_Int32 flags) {
     ++calls.loads;
-    return freeType<decltype(FT_Load_Glyph)>("FT_Load_Glyph")(face, glyph, flags);
+    if (calls.failingLoads > 0) {
+        --calls.failingLoads;
+        return 1;
+    }
+    const FT_Error error = freeType<decltype(FT_Load_Glyph)>("FT_Load_Glyph")(face, glyph, flags);
+    if (calls.advance) face->glyph->advance.x = *calls.advance;
+    return error;
+}
+
+FT_Error FT_Load_Char(FT_Face face, FT_ULong character, FT_Int32 flags) {
+    if (calls.loadCharFails) return 1;
+    return freeType<decltype(FT_Load_Char)>("FT_Load_Char")(face, character, flags);
+}
+
+FT_Error FT_Set_Pixel_Sizes(FT_Face face, FT_UInt width, FT_UInt height) {
+    const FT_Error error = freeType<decltype(FT_Set_Pixel_Sizes)>("FT_Set_Pixel_Sizes")(face, width, height);
+    if (calls.ascender) face->size->metrics.ascender = *calls.ascender;
+    if (calls.descender) face->size->metrics.descender = *calls.descender;
+    return error;
 }
 
 FT_Error FT_Get_Glyph(FT_GlyphSlot slot, FT_Glyph* glyph) {
@@ -71,7 +97,10 @@ FT_Error FT_Get_Glyph(FT_GlyphSlot slot, FT_Glyph* glyph) {
 
 FT_Error FT_Get_Kerning(FT_Face face, FT_UInt left, FT_UInt right, FT_UInt mode, FT_Vector* distance) {
     ++calls.kernings;
-    return freeType<decltype(FT_Get_Kerning)>("FT_Get_Kerning")(face, left, right, mode, distance);
+    const FT_Error error =
+        freeType<decltype(FT_Get_Kerning)>("FT_Get_Kerning")(face, left, right, mode, distance);
+    if (calls.kerning) distance->x = *calls.kerning;
+    return error;
 }
 
 }  // extern "C"
@@ -387,6 +416,60 @@ TEST_F(FreeTypeTextRendererTest, GlyphsThatCannotBeCopiedAreLeftOut) {
     EXPECT_EQ(text.getTextSize("BA"), (rect_size_t{12, 12})) << "and tried again";
 }
 
+TEST_F(FreeTypeTextRendererTest, GlyphThatCannotBeLoadedTakesTheAdvanceOfTheQuestionMark) {
+    FreeTypeTextRenderer text = renderer();
+    calls.failingLoads = 1;
+    EXPECT_EQ(text.getTextSize("A"), (rect_size_t{8, 12}));
+    EXPECT_EQ(text.getTextSize("AA"), (rect_size_t{14, 12})) << "and keeps it";
+    EXPECT_EQ(inkOf(drawn(text, "A", {8, 12})), inkOf(drawn(text, "?", {8, 12})));
+}
+
+TEST_F(FreeTypeTextRendererTest, GlyphsAreLeftOutWhereTheQuestionMarkCannotBeLoadedEither) {
+    FreeTypeTextRenderer text = renderer();
+    calls.loadCharFails = true;
+    EXPECT_EQ(text.getTextSize("A\xD0\xAFi"), (rect_size_t{8, 12}));
+    calls.loadCharFails = false;
+    EXPECT_EQ(text.getTextSize("Ai\xD0\xAF"), (rect_size_t{16, 12})) << "and tried again";
+}
+
+TEST_F(FreeTypeTextRendererTest, MissingGlyphOfFontWithoutQuestionMarkIsItsSignForMissingGlyphs) {
+    test::BlockFont font = test::blockFont();
+    // Of bitmap fonts like this FreeType takes the first glyph for the sign, here that of "A".
+    font.glyphs.erase(std::remove_if(font.glyphs.begin(), font.glyphs.end(),
+                                     [](const test::BlockGlyph& glyph) { return glyph.codePoint < 'A'; }),
+                      font.glyphs.end());
+    FreeTypeTextRenderer text(fontPath(font), 10);
+    EXPECT_EQ(text.getTextSize("\xD0\xAF"), (rect_size_t{6, 12}));
+    EXPECT_EQ(inkOf(drawn(text, "\xD0\xAF", {6, 12})), inkOf(drawn(text, "A", {6, 12})));
+}
+
+TEST_F(FreeTypeTextRendererTest, ByteOrderMarkIsACharacterLikeAnyOther) {
+    EXPECT_EQ(renderer().getTextSize("\xEF\xBB\xBF"), renderer().getTextSize("?"));
+}
+
+TEST_F(FreeTypeTextRendererTest, AdvancesAreDividedTowardsZero) {
+    FreeTypeTextRenderer text = renderer();
+    calls.advance = 5 * 64 + 63;
+    EXPECT_EQ(text.getTextSize("AA").w, 10);
+    calls.advance = -100;
+    // "i" is a column at the pen, "B" lies below the base line.
+    EXPECT_EQ(inkOf(drawn(text, "Bi", {4, 12}, {2, 0}))[1], ".#..");
+}
+
+TEST_F(FreeTypeTextRendererTest, AscenderAndDescenderAreDividedTowardsZero) {
+    calls.descender = -127;
+    EXPECT_EQ(renderer().getTextSize("\n").h, 2 * (10 + 1));
+    calls.ascender = -100;
+    FreeTypeTextRenderer text = renderer();
+    EXPECT_EQ(inkOf(drawn(text, "i", {1, 12}, {0, 8})),
+              (Rows{"#", "#", "#", "#", "#", "#", "#", ".", ".", ".", ".", "."}));
+}
+
+TEST_F(FreeTypeTextRendererTest, DescenderAboveTheBaseLineCountsAsOneBelow) {
+    calls.descender = 3 * 64;
+    EXPECT_EQ(renderer().getTextSize("\n").h, 2 * (10 + 3));
+}
+
 TEST_F(FreeTypeTextRendererTest, HugePaddingIsCutToWhatAnIntHolds) {
     FreeTypeTextRenderer text = renderer();
     text.setPadding(INT_MAX, INT_MIN, INT_MAX, INT_MIN);
@@ -421,6 +504,49 @@ TEST_F(FreeTypeScalableTest, PairsAreKerned) {
     EXPECT_EQ(text.getTextSize("AV").w, even(advance('A') + kerning('A', 'V') + advance('V')));
     EXPECT_EQ(text.getTextSize("AVA").w,
               even(2 * advance('A') + kerning('A', 'V') + kerning('V', 'A') + advance('V')));
+}
+
+TEST_F(FreeTypeScalableTest, PairsAreKernedInTheirOrder) {
+    ASSERT_NE(kerning('T', 'o'), kerning('o', 'T'));
+    FreeTypeTextRenderer text(test::sansFont(), size);
+    EXPECT_EQ(text.getTextSize("To").w, even(advance('T') + kerning('T', 'o') + advance('o')));
+    EXPECT_EQ(text.getTextSize("oT").w, even(advance('o') + kerning('o', 'T') + advance('T')));
+}
+
+TEST_F(FreeTypeScalableTest, PairsWithOneGlyphInCommonAreKernedByThemselves) {
+    ASSERT_NE(kerning('A', 'V'), kerning('l', 'V'));
+    ASSERT_NE(kerning('A', 'V'), kerning('A', 'l'));
+    FreeTypeTextRenderer text(test::sansFont(), size);
+    const int advances = 2 * advance('A') + 2 * advance('V') + 2 * advance('l');
+    const int kernings =
+        kerning('A', 'V') + kerning('V', 'l') + kerning('l', 'V') + kerning('V', 'A') + kerning('A', 'l');
+    EXPECT_EQ(text.getTextSize("AVlVAl").w, even(advances + kernings));
+}
+
+TEST_F(FreeTypeScalableTest, KerningMovesTheGlyph) {
+    ASSERT_LT(kerning('A', 'V'), 0);
+    FreeTypeTextRenderer text(test::sansFont(), size);
+    Picture apart = drawn(text, "A", {100, 60});
+    text.drawTo(apart, "V", {advance('A') + kerning('A', 'V'), 0});
+    EXPECT_EQ(test::visibleBytes(drawn(text, "AV", {100, 60})), test::visibleBytes(apart));
+}
+
+TEST_F(FreeTypeScalableTest, KerningIsRoundedDown) {
+    const int unkerned = 5 * advance('A') + 4 * advance('V');
+    FreeTypeTextRenderer pulled(test::sansFont(), size);
+    calls.kerning = -1;
+    EXPECT_EQ(pulled.getTextSize("AVAVAVAVA").w, even(unkerned - 8));
+    FreeTypeTextRenderer pushed(test::sansFont(), size);
+    calls.kerning = 127;
+    EXPECT_EQ(pushed.getTextSize("AVAVAVAVA").w, even(unkerned + 8));
+}
+
+TEST_F(FreeTypeScalableTest, GlyphThatCannotBeLoadedIsKernedAsItself) {
+    const int expected = advance('?') + kerning('A', 'V') + advance('V');
+    ASSERT_NE(kerning('A', 'V'), kerning('?', 'V'));
+    FreeTypeTextRenderer text(test::sansFont(), size);
+    calls.failingLoads = 1;
+    EXPECT_EQ(text.getTextSize("AV").w, even(expected));
 }
 
 TEST_F(FreeTypeScalableTest, IgnoredCharactersDoNotBreakAPair) {
@@ -503,12 +629,28 @@ TEST_F(FreeTypeLayoutTest, LineSpacingAndPaddingInvalidateTheLayout) {
     EXPECT_EQ(layouts(), 3);
 }
 
+TEST_F(FreeTypeLayoutTest, NegativeHeightsAreLaidOutEachTime) {
+    text_->setLineSpacing(-100);
+    const rect_size_t first = text_->getTextSize("A\n");
+    EXPECT_EQ(first.h, -76);
+    EXPECT_EQ(text_->getTextSize("A\n"), first);
+    EXPECT_EQ(layouts(), 2);
+}
+
 TEST_F(FreeTypeLayoutTest, ColoursKeepTheLayout) {
     text_->getTextSize("A ");
     text_->setFontColor(white);
     text_->setBackgroundColor({1, 2, 3});
     text_->drawYUV("A ", AVCOL_RANGE_MPEG);
     EXPECT_EQ(layouts(), 1);
+}
+
+TEST_F(FreeTypeLayoutTest, InvalidTextDoesNotBringBackAnInvalidatedLayout) {
+    text_->getTextSize("A ");
+    text_->setPadding(1, 2, 3, 4);
+    EXPECT_THROW(text_->getTextSize("A\xC3"), std::range_error);
+    EXPECT_EQ(text_->getTextSize("A "), (rect_size_t{4 + 4, 12 + 6}));
+    EXPECT_EQ(layouts(), 2);
 }
 
 TEST_F(FreeTypeLayoutTest, InvalidTextKeepsTheLastLayout) {
@@ -600,6 +742,32 @@ TEST_F(FreeTypeTextRendererTest, PositionsAndPaddingBeyondAnIntDrawNothing) {
     EXPECT_THAT(planeOf(drawn(text, "A\nA", {8, 8}, {INT_MIN, INT_MIN}), 0, false), Each(0));
     // Padding and position may make up for each other, but for the pixel that they differ by.
     EXPECT_EQ(inkOf(drawn(text, "A", {6, 2}, {INT_MAX, INT_MAX}))[0], "####..");
+}
+
+TEST_F(FreeTypeTextRendererTest, BackgroundsFarAwayAreNotDrawn) {
+    FreeTypeTextRenderer text = renderer();
+    text.setBackgroundColor(white);
+    text.setPadding(1, 1, INT_MAX, INT_MAX);
+    for (const int x : {INT_MIN, 1000000, INT_MAX}) {
+        for (const int y : {INT_MIN, 0, INT_MAX}) {
+            Picture picture = blackPicture({8, 8}, AV_PIX_FMT_RGB24);
+            text.drawTo(picture, "A", {x, y});
+            EXPECT_THAT(planeOf(picture, 0, false), Each(0)) << x << "," << y;
+        }
+    }
+}
+
+TEST_F(FreeTypeTextRendererTest, TabMovesWhatFollows) {
+    FreeTypeTextRenderer text = renderer();
+    EXPECT_EQ(inkOf(drawn(text, "i\ti", {16, 12}))[1], "#.............#.");
+}
+
+TEST_F(FreeTypeTextRendererTest, TextCutToNothingByItsPaddingIsNotDrawn) {
+    FreeTypeTextRenderer text = renderer();
+    text.setPadding(0, 0, -6, -12);
+    EXPECT_EQ(text.getTextSize("A"), (rect_size_t{0, 0}));
+    EXPECT_THAT(planeOf(drawn(text, "A", {8, 12}), 0, false), Each(0));
+    EXPECT_EQ(text.drawYUV("A", AVCOL_RANGE_MPEG).size(), (rect_size_t{0, 0}));
 }
 
 TEST_F(FreeTypeTextRendererTest, DefaultColoursAreLightMagentaOnBlack) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <codecvt>
+#include <iterator>
 #include <locale>
 #include <optional>
 #include <random>
@@ -44,6 +45,20 @@ std::optional<std::u32string> decodedByTheStandardLibrary(const std::string& tex
     result.resize(static_cast<std::size_t>(to - &result[0]));
     if (hasSurrogate(result)) return std::nullopt;
     return result;
+}
+
+/// What std::wstring_convert makes of a text; nothing where it throws, and where it gives what decodeUtf8 is
+/// not to give: surrogates and, without a word, only what stands before an unfinished end.
+std::optional<std::u32string> convertedByTheStandardLibrary(const std::string& text) {
+    std::wstring_convert<std::codecvt_utf8<char32_t>, char32_t> converter;
+    try {
+        std::u32string result = converter.from_bytes(text);
+        if (converter.converted() != text.size() || hasSurrogate(result)) return std::nullopt;
+        return result;
+    } catch (const std::range_error& error) {
+        EXPECT_STREQ(error.what(), "wstring_convert::from_bytes");
+        return std::nullopt;
+    }
 }
 #pragma GCC diagnostic pop
 
@@ -97,6 +112,19 @@ TEST(Utf8Test, SurrogatesThrow) {
         EXPECT_THROW(decodeUtf8(text), std::range_error) << hexadecimal(text);
     }
     EXPECT_EQ(decodeUtf8("\xED\x9F\xBF\xEE\x80\x80"), U"\uD7FF\uE000");
+}
+
+TEST(Utf8Test, EqualsWstringConvertWhereThatTakesTheWholeText) {
+    std::mt19937 random(3);
+    for (int i = 0; i < 20000; ++i) {
+        std::string text;
+        for (auto length = random() % 6; length > 0; --length) {
+            constexpr const char* parts[] = {"a",    "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80",
+                                             "\x80", "\xC3",     "\xF0\x9F",     "\xEF\xBB\xBF"};
+            text += parts[random() % std::size(parts)];
+        }
+        ASSERT_EQ(decoded(text), convertedByTheStandardLibrary(text)) << hexadecimal(text);
+    }
 }
 
 TEST(Utf8Test, EqualsTheStandardConverterForUpToThreeBytes) {
