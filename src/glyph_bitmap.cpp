@@ -9,13 +9,27 @@
 namespace kvffmpeg {
 namespace {
 
-/// Whether rows and pitch are what `ff_blend_mask` may count on.
+int bitsOfPixel(const FT_Bitmap& bitmap) noexcept {
+    switch (bitmap.pixel_mode) {
+        case FT_PIXEL_MODE_MONO:
+            return 1;
+        case FT_PIXEL_MODE_GRAY2:
+            return 2;
+        case FT_PIXEL_MODE_GRAY4:
+            return 4;
+        case FT_PIXEL_MODE_BGRA:
+            return 32;
+        default:
+            return 8;
+    }
+}
+
+/// Whether there are samples, and as many as rows and pitch say.
 bool fitsTogether(const FT_Bitmap& bitmap) noexcept {
     constexpr auto largest = static_cast<unsigned>(std::numeric_limits<int>::max());
     if (bitmap.width == 0 || bitmap.rows == 0) return true;
     if (!bitmap.buffer || bitmap.width > largest || bitmap.rows > largest) return false;
-    const std::int64_t bits = bitmap.pixel_mode == FT_PIXEL_MODE_MONO ? 1 : 8;
-    return (std::int64_t{bitmap.width} * bits + 7) / 8 <= std::llabs(bitmap.pitch);
+    return (std::int64_t{bitmap.width} * bitsOfPixel(bitmap) + 7) / 8 <= std::llabs(bitmap.pitch);
 }
 
 /// Values of `grays` levels become 0 ... 255. The bitmap is one that FreeType has just made, top down.
@@ -31,11 +45,12 @@ void spreadLevels(FT_Bitmap& bitmap, int grays) noexcept {
 }  // namespace
 
 bool makeDrawable(FT_Library library, FT_Bitmap& bitmap) noexcept {
+    if (!fitsTogether(bitmap)) return false;
     int grays = 0;
     switch (bitmap.pixel_mode) {
         case FT_PIXEL_MODE_MONO:
         case FT_PIXEL_MODE_GRAY:
-            return fitsTogether(bitmap);
+            return true;
         case FT_PIXEL_MODE_GRAY2:
             grays = 4;
             break;

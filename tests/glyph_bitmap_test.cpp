@@ -141,6 +141,16 @@ TEST_F(GlyphBitmapTest, BitmapsThatDoNotFitTogetherAreRefused) {
     EXPECT_FALSE(makeDrawable(library_, bitmap)) << "rows longer than the negative pitch";
     set(FT_PIXEL_MODE_MONO, 17, 2, 2, bytes);
     EXPECT_FALSE(makeDrawable(library_, bitmap)) << "rows of bits longer than the pitch";
+    set(FT_PIXEL_MODE_GRAY2, 17, 2, 4, bytes);
+    EXPECT_FALSE(makeDrawable(library_, bitmap)) << "rows of two bits a pixel longer than the pitch";
+    set(FT_PIXEL_MODE_GRAY4, 64, 2, 2, bytes);
+    EXPECT_FALSE(makeDrawable(library_, bitmap)) << "rows of four bits a pixel longer than the pitch";
+    set(FT_PIXEL_MODE_BGRA, 2, 2, 7, bytes);
+    EXPECT_FALSE(makeDrawable(library_, bitmap)) << "rows of colours longer than the pitch";
+    for (const FT_Pixel_Mode mode : {FT_PIXEL_MODE_GRAY2, FT_PIXEL_MODE_GRAY4, FT_PIXEL_MODE_BGRA}) {
+        set(mode, 5, 2, 32, nullptr);
+        EXPECT_FALSE(makeDrawable(library_, bitmap)) << "no samples, mode " << mode;
+    }
     set(FT_PIXEL_MODE_GRAY, 5, 2, 5, nullptr);
     EXPECT_FALSE(makeDrawable(library_, bitmap)) << "no samples";
     set(FT_PIXEL_MODE_GRAY, UINT_MAX, 1, INT_MAX, bytes);

@@ -679,6 +679,29 @@ TEST_F(TextRendererTest, MonochromeFontsOfAnySizeStayInMemory) {
     }
 }
 
+TEST_F(TextRendererTest, FontsOfFormatsThatDoNotSuitStayInMemory) {
+    const std::string path = folder_.file("font.nut");
+    std::string text;
+    for (int c = 255; c >= 0; --c) text += static_cast<char>(c);
+    for (const AVPixelFormat format : {AV_PIX_FMT_YUVA420P, AV_PIX_FMT_YUYV422, AV_PIX_FMT_NV12,
+                                       AV_PIX_FMT_YUV410P, AV_PIX_FMT_RGB444LE, AV_PIX_FMT_YUVA444P16LE}) {
+        for (const char* size : {"130x146", "31x17"}) {
+            SCOPED_TRACE(std::string(av_get_pix_fmt_name(format)) + " " + size);
+            test::runFFmpeg("-f lavfi -i testsrc2=size=" + std::string(size) + " -frames:v 1 -pix_fmt " +
+                            av_get_pix_fmt_name(format) + " -c:v rawvideo " + path);
+            font_.load(path);
+            EXPECT_EQ(font_.glyphs().size(), 255U);
+            EXPECT_EQ(font_.getGlyphPicture(' ').pixelFormat(), format);
+            renderer_.setFont(font_);
+            for (const std::string& some : {text, std::string("\xfe"), std::string(" \n\xfe\xfd")}) {
+                const Picture picture = renderer_.renderText(some);
+                EXPECT_TRUE(picture.empty() || (picture.pixelFormat() == format && picture.editable()))
+                    << picture;
+            }
+        }
+    }
+}
+
 /// A monochrome font of 8x8 cells, in which the last cells lie beyond the memory and so are empty.
 class EmptyGlyphTest : public FontTest {
 protected:

@@ -33,7 +33,7 @@ class KVFFMPEG_EXPORT FreeTypeTextRenderer {
 public:
     /// The first face of the font file, at `size` pixels per em: 0 ... 65535, where 0 counts as 1. A font of
     /// bitmaps has only the sizes that are in it. From some ten thousand pixels on FreeType gives up on large
-    /// glyphs, which are left out then.
+    /// glyphs, which become question marks or are left out then.
     ///
     /// Defaults: font colour {255, 225, 255}, background opaque black, no padding, no line spacing.
     /// @throws std::runtime_error "Could not initialize FreeType library"; or, each followed by the path:
