@@ -17,36 +17,7 @@
 
 #include "kernels.h"
 #include "support/guarded_bytes.h"
-
-// The sanitizers have operators of their own.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define OWN_NEW 0
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define OWN_NEW 0
-#endif
-#endif
-#ifndef OWN_NEW
-#define OWN_NEW 1
-#endif
-
-#if OWN_NEW
-namespace {
-std::size_t blocksTaken = 0;
-}
-// Not inlined: g++ 12 would warn that free does not go with new.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    ++blocksTaken;
-    if (void* block = std::malloc(std::max<std::size_t>(size, 1))) return block;
-    throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* block) noexcept {
-    std::free(block);
-}
-[[gnu::noinline]] void operator delete(void* block, std::size_t /*size*/) noexcept {
-    std::free(block);
-}
-#endif
+#include "support/test_heap.h"
 
 namespace kvffmpeg {
 namespace {
@@ -796,11 +767,9 @@ TEST_P(BlendingTest, RowsMayLieGigabytesApart) {
     }
 }
 
-#if OWN_NEW
 TEST_P(BlendingTest, TakesNoMemory) {
-    const std::size_t atStart = blocksTaken;
+    if (!test::heapIsOurs()) GTEST_SKIP() << "something else has replaced new";
     const Image overlay = noisyYuva(150, 40, 90);
-    if (blocksTaken == atStart) GTEST_SKIP() << "something else, such as valgrind, has replaced new";
     Image destination = noisyYuv(150, 40);
     Image packed = noisyPacked(150, 40);
     const Image pixels = noisyPacked(150, 40);
@@ -808,16 +777,17 @@ TEST_P(BlendingTest, TakesNoMemory) {
     const auto from = overlay.data();
     const auto packedTo = packed.data();
     const auto packedFrom = pixels.data();
-    const std::size_t before = blocksTaken;
+    test::heap() = {};
+    test::heap().recording = true;
     blend_image_yuva420(to.data(), destination.linesizes().data(), 150, 40, from.data(),
                         overlay.linesizes().data(), 150, 40, -3, 5);
     for (const auto blend : {blend_image_rgba, blend_image_argb}) {
         blend(packedTo.data(), packed.linesizes().data(), 150, 40, packedFrom.data(),
               pixels.linesizes().data(), 150, 40, -3, 5);
     }
-    EXPECT_EQ(blocksTaken, before);
+    test::heap().recording = false;
+    EXPECT_EQ(test::heap().requests, 0);
 }
-#endif
 
 TEST_P(BlendingTest, PackedTakesNegativeLinesizes) {
     Image destination = noisyPacked(40, 10);

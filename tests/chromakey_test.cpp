@@ -16,36 +16,7 @@
 
 #include "kernels.h"
 #include "support/guarded_bytes.h"
-
-// The sanitizers have operators of their own.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define OWN_NEW 0
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define OWN_NEW 0
-#endif
-#endif
-#ifndef OWN_NEW
-#define OWN_NEW 1
-#endif
-
-#if OWN_NEW
-namespace {
-std::size_t blocksTaken = 0;
-}
-// Not inlined: g++ 12 would warn that free does not go with new.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    ++blocksTaken;
-    if (void* block = std::malloc(std::max<std::size_t>(size, 1))) return block;
-    throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* block) noexcept {
-    std::free(block);
-}
-[[gnu::noinline]] void operator delete(void* block, std::size_t /*size*/) noexcept {
-    std::free(block);
-}
-#endif
+#include "support/test_heap.h"
 
 namespace kvffmpeg {
 namespace {
@@ -266,20 +237,19 @@ TEST_P(ChromakeyTest, RowsMayLieGigabytesApart) {
     munmap(mapping, size);
 }
 
-#if OWN_NEW
 TEST_P(ChromakeyTest, TakesNoMemory) {
-    const std::size_t atStart = blocksTaken;
+    if (!test::heapIsOurs()) GTEST_SKIP() << "something else has replaced new";
     Bytes chroma(100, 3);
-    if (blocksTaken == atStart) GTEST_SKIP() << "something else, such as valgrind, has replaced new";
     Bytes alpha(400, 1);
     std::uint8_t* const planes[] = {nullptr, chroma.data(), chroma.data(), alpha.data()};
     const int linesizes[] = {0, 100, 100, 200};
     const std::uint8_t key[] = {0, 0};
-    const std::size_t before = blocksTaken;
+    test::heap() = {};
+    test::heap().recording = true;
     for (const float blend : {0.0F, 0.1F}) chromakey_yuva420p(planes, linesizes, 200, 2, key, 0, blend);
-    EXPECT_EQ(blocksTaken, before);
+    test::heap().recording = false;
+    EXPECT_EQ(test::heap().requests, 0);
 }
-#endif
 
 }  // namespace
 }  // namespace kvffmpeg

@@ -9,6 +9,17 @@ Heap& heap() noexcept {
     return own;
 }
 
+bool heapIsOurs() {
+    heap().failAfter = 0;
+    try {
+        operator delete(operator new(1));
+        heap().failAfter = -1;
+        return false;
+    } catch (const std::bad_alloc&) {
+        return true;
+    }
+}
+
 }  // namespace kvffmpeg::test
 
 namespace {
@@ -20,6 +31,7 @@ void* allocateOrNull(std::size_t size) noexcept {
 }
 
 void* allocateOrThrow(std::size_t size) {
+    if (heap().recording) ++heap().requests;
     if (heap().failAfter == 0) {
         heap().failAfter = -1;
         throw std::bad_alloc();

@@ -16,12 +16,15 @@ namespace kvffmpeg::test {
 struct Heap {
     long failAfter = -1;         ///< So many allocations still succeed; then one fails. Never when negative.
     bool recording = false;      ///< Whether the counters below count.
+    int requests = 0;            ///< To new of any kind.
     std::size_t arrayBytes = 0;  ///< The last request to array new.
     int arrayRequests = 0;
     int arrayReleases = 0;
 };
 
 Heap& heap() noexcept;
+/// False where something else has replaced new once more, as valgrind does: then nothing counts and fails.
+bool heapIsOurs();
 
 /// Runs `action` with its first, second, ... allocation failing, until it succeeds; calls `checkUnchanged`
 /// after every failure. @returns the number of failures.
