@@ -123,6 +123,11 @@ void blend_plane_UV_420p_no_alpha_composite(uint8_t* const destination[], const 
 
 void copyChroma(const ChromaRows& area) noexcept {
     for (int plane = 0; plane < 2; ++plane) {
+        if (area.destinationLinesize[plane] == area.count && area.sourceLinesize[plane] == area.count) {
+            std::memmove(area.destination[plane], area.source[plane],
+                         static_cast<std::size_t>(area.count * area.rows));  // rows without gaps
+            continue;
+        }
         for (ptrdiff_t row = 0; row < area.rows; ++row) {
             std::memmove(area.destination[plane] + row * area.destinationLinesize[plane],
                          area.source[plane] + row * area.sourceLinesize[plane],
