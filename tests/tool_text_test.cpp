@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/drawing_fixture.h"
 #include "support/fonts.h"
 #include "support/media.h"
 #include "support/tool_fixture.h"
@@ -18,21 +19,13 @@ namespace kvffmpeg {
 namespace {
 
 using test::expectRefusal;
+using test::load;
+using test::pixel;
+using test::plain;
 using test::Result;
 using test::run;
 using testing::AllOf;
 using testing::HasSubstr;
-
-/// The picture of a file in 8-bit rgba.
-Picture load(const std::string& path) {
-    return Scaler().convertToColorspace(loadPicture(path), AV_PIX_FMT_RGBA, AVCOL_RANGE_UNSPECIFIED);
-}
-
-Color pixel(const Picture& rgba, int x, int y) {
-    if (x >= rgba.width() || y >= rgba.height()) throw std::runtime_error("There is no such pixel");
-    const unsigned char* bytes = rgba.getPlanes()[0] + std::ptrdiff_t{y} * rgba.getLinesize()[0] + 4 * x;
-    return {bytes[0], bytes[1], bytes[2], bytes[3]};
-}
 
 const Color black(0, 0, 0);
 const Color white(255, 255, 255);
@@ -55,12 +48,6 @@ void expectRectangle(const Picture& rgba, rect_t area, const Color& inside, cons
             ASSERT_THAT(pixel(rgba, x, y), IsAbout(isInside ? inside : outside)) << x << ", " << y;
         }
     }
-}
-
-Picture plain(rect_size_t size, const Color& color) {
-    Picture picture(size, AV_PIX_FMT_RGBA);
-    DrawUtils::fillRectangle(picture, color);
-    return picture;
 }
 
 /// An environment variable with another value for as long as it lives.
@@ -87,38 +74,11 @@ private:
 
 /// Most write "A" in a font of blocks, 10 pixels high: there it is 4 pixels wide and 7 high, one pixel right
 /// of and one below the text's corner; the text itself is 6 pixels wide and 12 high.
-class ToolTextTest : public test::ToolFixture {
+class ToolTextTest : public test::DrawingFixture {
 protected:
     std::string font() const { return test::blockFont().write(file("blocks.bdf")); }
 
-    std::string still(const std::string& name, const Picture& picture) const {
-        savePicture(picture, file(name));
-        return file(name);
-    }
-    std::string still(const std::string& name, rect_size_t size, const Color& color) const {
-        return still(name, plain(size, color));
-    }
-
-    /// Two pictures of one colour in yuv420p, each sample as it is here.
-    std::string video(const std::string& size, const std::string& color) const {
-        const std::string path = file("video.y4m");
-        test::runFFmpeg("-f lavfi -i color=" + color + ":size=" + size +
-                        ":rate=10:duration=0.2,format=rgb24 -pix_fmt yuv420p -f yuv4mpegpipe " + path);
-        return path;
-    }
-
-    /// Runs the tool on `input`; returns the first picture that it saved, in rgba.
-    Picture draw(const std::string& input, const std::vector<std::string>& options) const {
-        std::vector<std::string> arguments{"frames", "-o", file("out%d.png"), "--count", "1"};
-        arguments.insert(arguments.end(), options.begin(), options.end());
-        arguments.push_back(input);
-        const Result result = run(arguments);
-        EXPECT_EQ(result.exitCode, 0);
-        EXPECT_EQ(result.err, "");
-        return load(file("out1.png"));
-    }
-
-    /// The same with the font of blocks.
+    /// Draws with the font of blocks.
     Picture write(const std::string& input, const std::vector<std::string>& options) const {
         std::vector<std::string> all{"--font", font(), "--font-size", "10"};
         all.insert(all.end(), options.begin(), options.end());
