@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "support/filter_presence.h"
 #include "support/media.h"
 
 extern "C" {
@@ -58,11 +59,12 @@ Picture filtered(const std::string& filter, Picture picture) {
 constexpr const char* pad = "pad=32:32:8:8";
 constexpr const char* drawtext = "drawtext=font=DejaVu Sans:expansion=none:text=Q";
 
-/// Skips the test, saying so, where the filter is missing.
-#define KVFFMPEG_REQUIRE_FILTER(filter)                                                \
-    if (filtered(filter, test::randomPicture({16, 16}, AV_PIX_FMT_RGB24)).empty()) {   \
-        GTEST_SKIP() << "the installed libavfilter cannot run \"" << (filter) << "\""; \
-    }                                                                                  \
+/// Skips the test, saying so, where the filter is missing; one that is there has to run.
+#define KVFFMPEG_REQUIRE_FILTER(filter, ...)                                          \
+    if (filtered(filter, test::randomPicture({16, 16}, AV_PIX_FMT_RGB24)).empty()) {  \
+        ASSERT_FALSE(test::hasFilter(__VA_ARGS__)) << "does not run: " << (filter);   \
+        GTEST_SKIP() << "the installed libavfilter does not have what this compares"; \
+    }                                                                                 \
     static_assert(true, "")
 
 /// Whether the filters of the first releases draw on the format with bytes that they never set, or not with
@@ -165,7 +167,7 @@ std::vector<FFDrawContext> comparableContexts() {
 }
 
 TEST(FFDrawOracleTest, ColorsOfEightBitFormatsEqualThoseOfPad) {
-    KVFFMPEG_REQUIRE_FILTER(pad);
+    KVFFMPEG_REQUIRE_FILTER(pad, "pad");
     for (const FFDrawContext& context : comparableContexts()) {
         for (const Color& color : colorsOf(context)) {
             const Picture source = test::randomPicture({8, 8}, context.format);
@@ -185,7 +187,7 @@ TEST(FFDrawOracleTest, ColorsOfEightBitFormatsEqualThoseOfColor) {
     const auto source = [](const Color& color, AVPixelFormat format) {
         return "[in]nullsink;color=c=" + text(color) + ":s=32x16,format=" + nameOf(format) + "[out]";
     };
-    KVFFMPEG_REQUIRE_FILTER(source({0, 0, 0}, AV_PIX_FMT_YUV420P));
+    KVFFMPEG_REQUIRE_FILTER(source({0, 0, 0}, AV_PIX_FMT_YUV420P), "color");
     for (const FFDrawContext& context : comparableContexts()) {
         for (const Color& color : colorsOf(context)) {
             const Picture theirs =
@@ -202,7 +204,7 @@ TEST(FFDrawOracleTest, ColorsOfEightBitFormatsEqualThoseOfColor) {
 // ---- Fills and copies
 
 TEST(FFDrawOracleTest, FillsAndCopiesOfEveryFormatEqualThoseOfPad) {
-    KVFFMPEG_REQUIRE_FILTER(pad);
+    KVFFMPEG_REQUIRE_FILTER(pad, "pad");
     for (AVPixelFormat format : formatsDrawnOnBy(pad)) {
         const FFDrawContext context = initDrawContext(format, false);
         const Color color(18, 52, 86, 99);
@@ -281,7 +283,7 @@ class FFDrawTextOracleTest : public testing::TestWithParam<TextCase> {};
 
 TEST_P(FFDrawTextOracleTest, MasksBlendAsGlyphsDo) {
     const std::string options = GetParam().options;
-    KVFFMPEG_REQUIRE_FILTER(drawtext + options);
+    KVFFMPEG_REQUIRE_FILTER(drawtext + options, "drawtext", "font");
     const Glyph glyph = glyphOf(options);
     ASSERT_GT(glyph.width, 8);
     ASSERT_GT(glyph.height, 8);

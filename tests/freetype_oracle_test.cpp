@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "support/filter_presence.h"
 #include "support/fonts.h"
 #include "support/media.h"
 
@@ -102,7 +103,10 @@ protected:
         KVFFMPEG_REQUIRE_FONTS();
         const point_t place{20, 20};
         const Picture theirs = drawnByFilter(GetParam(), {255, 255, 255}, place, blackPicture());
-        if (theirs.empty()) GTEST_SKIP() << "the installed libavfilter cannot run drawtext";
+        if (theirs.empty()) {
+            ASSERT_FALSE(test::hasFilter("drawtext")) << "drawtext does not run";
+            GTEST_SKIP() << "the installed libavfilter has no drawtext";
+        }
         const Ink their = inkOf(theirs);
         const Ink our = inkOf(drawnByUs(GetParam(), {255, 255, 255}, place, blackPicture()));
         down_ = our.firstRow - their.firstRow;
