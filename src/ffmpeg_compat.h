@@ -19,6 +19,10 @@ struct SwrContext;
 
 namespace kvffmpeg::compat {
 
+/// The major number of the FFmpeg release that this is compiled with: 3, 4, ... For tests, to tell by name
+/// what FFmpeg itself changed; the library does not depend on it.
+constexpr int ffmpegRelease = LIBAVFORMAT_VERSION_MAJOR - 54;
+
 /// Makes demuxers, codecs and filters known to FFmpeg. Needed before the first use of any by FFmpeg 3; cheap
 /// after the first call. Any thread.
 void registerAll() noexcept;

@@ -12,9 +12,14 @@ namespace {
 
 /// Array new that refuses absurd sizes by itself: FFmpeg's negative error codes arrive here as huge sizes,
 /// adding the padding to them must not wrap around, and sanitizers end the process on huge requests.
+///
+/// The padding becomes zero: some of FFmpeg's code computes the last pixel from it, which shall be the same
+/// in every run.
 unsigned char* allocate(std::size_t size, std::size_t padding) {
     if (size > static_cast<std::size_t>(PTRDIFF_MAX) - padding) throw std::bad_alloc();
-    return new unsigned char[size + padding];
+    auto* const block = new unsigned char[size + padding];
+    std::fill_n(block + size, padding, static_cast<unsigned char>(0));
+    return block;
 }
 
 }  // namespace

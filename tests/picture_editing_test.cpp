@@ -694,7 +694,8 @@ TEST(PictureLutTest, SamplesBeyondAShortTableStay) {
     table.resize(100);
     Picture picture = solid({40, 3}, AV_PIX_FMT_GRAY8, {0, 99, 100, 255});
     picture.applyLUT(0, table);
-    EXPECT_EQ(bufferBytes(picture), bufferBytes(solid({40, 3}, AV_PIX_FMT_GRAY8, {255, 156, 100, 255})));
+    // Not the whole buffer: FFmpeg 3 and 4 have room for a palette behind gray, which stays as it is.
+    EXPECT_EQ(visibleBytes(picture), visibleBytes(solid({40, 3}, AV_PIX_FMT_GRAY8, {255, 156, 100, 255})));
 
     const Bytes before = bufferBytes(picture);
     picture.applyLUT(0, {});
@@ -756,7 +757,7 @@ TEST(PictureLutTest, WritesIntoASharedBufferWithoutAsking) {
     Picture picture = solid({4, 4}, AV_PIX_FMT_GRAY8, {0});
     const Picture sharing = picture;
     picture.applyLUT(0, inversion());
-    EXPECT_THAT(bufferBytes(sharing), Each(255));
+    EXPECT_THAT(visibleBytes(sharing), Each(255));
 }
 
 TEST(PictureLutTest, StaysInsidePicturesOfAnyFormat) {

@@ -481,6 +481,8 @@ TEST(PictureFromFrameTest, IsADeepCopyWithoutRowPadding) {
         const int written = av_image_copy_to_buffer(want.data(), static_cast<int>(want.size()), frame->data,
                                                     frame->linesize, format, 7, 5, 1);
         ASSERT_GT(written, 0);
+        // FFmpeg 3 and 4 have room for a palette behind gray, and do not write it.
+        want.resize(static_cast<std::size_t>(written));
         EXPECT_EQ(test::visibleBytes(picture), want);
         const std::vector<unsigned char> before = bufferBytes(picture);
         for (AVBufferRef* buffer : frame->buf) {

@@ -10,16 +10,13 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <vector>
 
+#include "ffmpeg_compat.h"
+#include "support/digest.h"
 #include "support/log_capture.h"
 #include "support/media.h"
 #include "support/temporary_folder.h"
-
-extern "C" {
-#include <libavutil/md5.h>
-}
 
 namespace kvffmpeg {
 namespace {
@@ -47,29 +44,6 @@ std::string testName(const testing::TestParamInfo<std::string>& info) {
         if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
     }
     return name;
-}
-
-/// FFmpeg 3 counts bytes in an int, later releases in a size_t.
-template <typename Length>
-void update(void (*updateDigest)(AVMD5*, const std::uint8_t*, Length), AVMD5* context,
-            const std::uint8_t* data, std::size_t length) {
-    updateDigest(context, data, static_cast<Length>(length));
-}
-
-std::string md5(const std::vector<std::uint8_t>& bytes) {
-    std::uint8_t digest[16];
-    AVMD5* context = av_md5_alloc();
-    av_md5_init(context);
-    update(av_md5_update, context, bytes.data(), bytes.size());
-    av_md5_final(context, digest);
-    av_free(context);
-    constexpr std::string_view hex = "0123456789abcdef";
-    std::string text;
-    for (const std::uint8_t byte : digest) {
-        text += hex[byte / 16];
-        text += hex[byte % 16];
-    }
-    return text;
 }
 
 /// The MD5 of every picture of a video track, as the ffmpeg command decodes it, at most `limit` of them.
@@ -104,7 +78,20 @@ protected:
                    !avcodec_find_decoder_by_name("libaom-av1");
         });
     }
+
+    /// This file ends behind its header. Releases before FFmpeg 5 call that an error, and no end.
+    bool hasNoPacketAndSaysSo() const { return compat::ffmpegRelease < 5 && GetParam() == "truncated.m4b"; }
 };
+
+const char* const invalidData = "Invalid data found when processing input";
+
+/// Samples of a track. Releases before FFmpeg 5 do not cut off what the last page of Vorbis in Ogg has too
+/// much.
+std::uint64_t knownSamples(const std::string& file, const json& stream) {
+    const std::uint64_t samples = stream["samples_without_drain"];
+    const bool isOgg = file == "vorbis_stereo.ogg" || file == "corrupt_gap.ogg";
+    return compat::ffmpegRelease < 5 && isOgg ? samples + 208 : samples;
+}
 
 TEST_P(SampleMediaTest, GivesTheKnownNumbersOfPacketsFramesAndSamples) {
     FormatContext context(path());
@@ -118,6 +105,11 @@ TEST_P(SampleMediaTest, GivesTheKnownNumbersOfPacketsFramesAndSamples) {
     context.open();
     const json& streams = expected()["streams"];
     ASSERT_EQ(context.tracksNumber(), streams.size());
+    if (hasNoPacketAndSaysSo()) {
+        EXPECT_THAT([&] { context.readPacket(); },
+                    testing::ThrowsMessage<std::runtime_error>(testing::StrEq(invalidData)));
+        return;
+    }
     std::vector<int> packets(streams.size());
     std::vector<int> frames(streams.size());
     std::vector<std::uint64_t> samples(streams.size());
@@ -144,7 +136,7 @@ TEST_P(SampleMediaTest, GivesTheKnownNumbersOfPacketsFramesAndSamples) {
             EXPECT_EQ(packets[track], frames[track]);
         }
         if (stream.contains("samples_without_drain")) {
-            EXPECT_EQ(samples[track], stream["samples_without_drain"]);
+            EXPECT_EQ(samples[track], knownSamples(GetParam(), stream));
         }
         if (stream["type"] == "video" && stream.value("width", 0) > 0) {
             EXPECT_EQ(context.trackAtIndex(static_cast<unsigned>(track))->codecpar->width, stream["width"]);
@@ -161,7 +153,8 @@ TEST_P(SampleMediaTest, GivesTheKnownNumbersOfPacketsFramesAndSamples) {
 }
 
 TEST_P(SampleMediaTest, PicturesEqualThoseOfTheFFmpegCommandByteForByte) {
-    if (!expected()["opens"]) return;  // said so by the test above
+    if (!expected()["opens"]) return;    // said so by the test above
+    if (hasNoPacketAndSaysSo()) return;  // said so by the test above
     if (missesADecoder()) GTEST_SKIP() << "no AV1 decoder in this FFmpeg";
     const test::LogCapture quiet;
     FormatContext context(path());
@@ -170,7 +163,7 @@ TEST_P(SampleMediaTest, PicturesEqualThoseOfTheFFmpegCommandByteForByte) {
     while (const auto packet = context.readPacket()) {
         const Frame frame = context.decodePacket(packet);
         if (!frame.picture().empty()) {
-            decoded.at(packet->streamIndex()).push_back(md5(test::visibleBytes(frame.picture())));
+            decoded.at(packet->streamIndex()).push_back(test::md5(test::visibleBytes(frame.picture())));
         }
     }
     std::size_t compared = 0;
@@ -192,8 +185,12 @@ TEST_P(SampleMediaTest, LoadsAsAPictureOrSaysWhyNot) {
     try {
         picture = loadPicture(path());
     } catch (const std::runtime_error& error) {
-        EXPECT_STREQ(error.what(), "can't open input file");
-        EXPECT_FALSE(expected()["opens"]);
+        if (hasNoPacketAndSaysSo()) {
+            EXPECT_STREQ(error.what(), invalidData);
+        } else {
+            EXPECT_STREQ(error.what(), "can't open input file");
+            EXPECT_FALSE(expected()["opens"]);
+        }
         return;
     }
     const json& streams = expected()["streams"];

@@ -231,8 +231,8 @@ TEST_F(ToolSheetPicturesTest, AreFoundBySeeking) {
     for (const std::string name : {"long.mkv", "long.ts"}) {
         SCOPED_TRACE(name);
         test::runFFmpeg(
-            "-f lavfi -i \"color=black:size=64x48:rate=1:duration=20,format=yuv420p,"
-            "geq=lum='16+N*10':cb=128:cr=128,fps=25\" -c:v mpeg2video -q:v 2 -g 12 -bf 2 " +
+            "-f lavfi -i \"color=black:size=64x48:rate=25:duration=20,format=yuv420p,"
+            "geq=lum='16+floor(N/25)*10':cb=128:cr=128\" -c:v mpeg2video -q:v 2 -g 12 -bf 2 " +
             file(name));
         EXPECT_THAT(numbers(file(name), 1), ElementsAre(2, 7, 12, 17));
         const Result result =

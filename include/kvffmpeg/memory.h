@@ -13,7 +13,7 @@ namespace kvffmpeg {
 /// through a `std::shared_ptr<MemBuffer>`; neither copied nor moved. Not locked.
 class KVFFMPEG_EXPORT MemBuffer {
 public:
-    /// Bytes that every owned block has beyond `size()`. They are not initialised.
+    /// Bytes that every owned block has beyond `size()`. Zero in a new block.
     static constexpr std::size_t tailPadding = 32;
 
     MemBuffer() noexcept = default;  ///< Size 0, no block.
