@@ -77,6 +77,7 @@ protected:
 };
 
 TEST_P(BesideTheCommandTest, FilteredPicturesAreTheSameByteForByte) {
+    KVFFMPEG_REQUIRE_COMMAND_OF_THIS_RELEASE();
     const Graph& graph = std::get<1>(GetParam());
     std::vector<std::uint8_t> filtered;
     FFmpegFilterWrapper wrapper;

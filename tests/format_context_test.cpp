@@ -365,6 +365,7 @@ TEST_F(PacketTimesTest, AreMicrosecondsInEveryContainer) {
 }
 
 TEST_F(PacketTimesTest, UnknownPtsIsTheDts) {
+    KVFFMPEG_REQUIRE_X264();
     const std::string path = make("a.avi", std::string(videoAndAudio) + "-c:v libx264 -bf 2 -c:a pcm_s16le");
     EXPECT_GT(expectTimes(path, false, 0), 10);  // the container has no pts of its own
 }
@@ -433,6 +434,7 @@ TEST_F(FormatContextTest, EveryPacketOfOtherVideoIsAKeyFrame) {
 }
 
 TEST_F(FormatContextTest, H264KeyFramesAreThoseWithParameterSetsAndIdrSlice) {
+    KVFFMPEG_REQUIRE_X264();
     const std::string options =
         std::string(videoAndAudio) + "-c:v libx264 -g 10 -sc_threshold 0 -bf 0 -c:a mp2";
     FormatContext annexB(make("a.ts", options));

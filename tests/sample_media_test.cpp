@@ -155,6 +155,7 @@ TEST_P(SampleMediaTest, GivesTheKnownNumbersOfPacketsFramesAndSamples) {
 TEST_P(SampleMediaTest, PicturesEqualThoseOfTheFFmpegCommandByteForByte) {
     if (!expected()["opens"]) return;    // said so by the test above
     if (hasNoPacketAndSaysSo()) return;  // said so by the test above
+    KVFFMPEG_REQUIRE_COMMAND_OF_THIS_RELEASE();
     if (missesADecoder()) GTEST_SKIP() << "no AV1 decoder in this FFmpeg";
     const test::LogCapture quiet;
     FormatContext context(path());

@@ -261,6 +261,7 @@ TEST_F(ToolSheetPicturesTest, OfAnInputThatCannotSeekAreEvenlySpacedByNumber) {
 }
 
 TEST_F(ToolSheetPicturesTest, OfAnInputWithoutTimesAreEvenlySpacedByNumber) {
+    KVFFMPEG_REQUIRE_X264();
     EXPECT_THAT(numbers(makeClip("clip.h264", "-an -c:v libx264 -qp 1 -bf 0 -g 5 -f h264"), 2),
                 ElementsAre(0, 2, 6, 8, 10, 12, 16, 18));
 }

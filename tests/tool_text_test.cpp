@@ -414,6 +414,7 @@ TEST_F(ToolTextTimeTest, PtsIsTheInputsTimeWhateverFiltersDoToIt) {
 
 TEST_F(ToolTextTimeTest, PtsOfAPictureWithoutATimeIsDashes) {
     KVFFMPEG_REQUIRE_FONTS();
+    KVFFMPEG_REQUIRE_X264();
     const std::string clip = makeClip("clip.h264", "-an -c:v libx264 -bf 0 -f h264");
     FormatContext input(clip);
     input.open();

@@ -81,7 +81,7 @@ void print(const std::string& name, const Picture& picture) {
 
 bool lacksDecoder(const FormatContext& context, unsigned track) {
     const AVCodecID codec = context.trackAtIndex(track)->codecpar->codec_id;
-    if (codec == AV_CODEC_ID_AV1) {  // the decoder of FFmpeg's own needs hardware
+    if (std::string(avcodec_get_name(codec)) == "av1") {  // the decoder of FFmpeg's own needs hardware
         return !avcodec_find_decoder_by_name("libdav1d") && !avcodec_find_decoder_by_name("libaom-av1");
     }
     return codec == AV_CODEC_ID_NONE || !avcodec_find_decoder(codec);

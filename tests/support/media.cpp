@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 extern "C" {
+#include <libavutil/avutil.h>
 #include <libavutil/imgutils.h>
 #include <libavutil/pixdesc.h>
 }
@@ -29,6 +30,25 @@ std::vector<std::uint8_t> readFFmpeg(const std::string& arguments) {
 
 void runFFmpeg(const std::string& arguments) {
     readFFmpeg(arguments);
+}
+
+namespace {
+
+std::string textOf(const std::string& arguments) {
+    const std::vector<std::uint8_t> output = readFFmpeg(arguments);
+    return {output.begin(), output.end()};
+}
+
+}  // namespace
+
+bool commandEncodes(const std::string& encoder) {
+    static const std::string encoders = textOf("-encoders");
+    return encoders.find(" " + encoder + " ") != std::string::npos;
+}
+
+bool commandIsOfThisRelease() {
+    static const std::string version = textOf("-version");
+    return version.rfind(std::string("ffmpeg version ") + av_version_info() + " ", 0) == 0;
 }
 
 std::string sampleMedia(const std::string& name) {

@@ -15,6 +15,12 @@ void runFFmpeg(const std::string& arguments);
 /// The same; returns what the command writes to its standard output.
 std::vector<std::uint8_t> readFFmpeg(const std::string& arguments);
 
+/// Whether the command has an encoder of this name.
+bool commandEncodes(const std::string& encoder);
+/// Whether the command is of the very release of FFmpeg that the tests run with: only then their results are
+/// the same byte for byte.
+bool commandIsOfThisRelease();
+
 /// The path of a real media file; empty when KVFFMPEG_SAMPLE_MEDIA is not set.
 std::string sampleMedia(const std::string& name);
 /// The path of a file in examples/media.
@@ -32,6 +38,20 @@ Picture randomPicture(rect_size_t size, AVPixelFormat format, AVColorRange range
 std::vector<std::uint8_t> visibleBytes(const Picture& picture);
 
 }  // namespace kvffmpeg::test
+
+/// Skips the test, saying so, where the command comes from another FFmpeg than the libraries.
+#define KVFFMPEG_REQUIRE_COMMAND_OF_THIS_RELEASE()                                          \
+    if (!kvffmpeg::test::commandIsOfThisRelease()) {                                        \
+        GTEST_SKIP() << "the ffmpeg command is of another release than FFmpeg's libraries"; \
+    }                                                                                       \
+    static_assert(true, "")
+
+/// Skips the test, saying so, where the command cannot make H.264.
+#define KVFFMPEG_REQUIRE_X264()                                       \
+    if (!kvffmpeg::test::commandEncodes("libx264")) {                 \
+        GTEST_SKIP() << "the ffmpeg command has no encoder of H.264"; \
+    }                                                                 \
+    static_assert(true, "")
 
 /// Skips the test, saying so, where no real media files are at hand.
 #define KVFFMPEG_REQUIRE_SAMPLE_MEDIA()                                                  \
