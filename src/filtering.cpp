@@ -6,6 +6,7 @@
 
 #include "ffmpeg_compat.h"
 #include "ffmpeg_ptr.h"
+#include "simd_planes.h"
 #include "text_format.h"
 
 extern "C" {
@@ -181,9 +182,10 @@ Frame FFmpegFilterWrapper::processVideoFrame(Frame& frame) {
         state_->build(videoSource(picture), AVMEDIA_TYPE_VIDEO);
     }
     picture.makeEditable();
-    const FramePtr input = makeFrame();
+    FramePtr input = makeFrame();
     picture.fillAVFrame(input.get());
     input->pts = frame.PTS().rescale(microseconds).value();
+    input = withPadding(std::move(input), picture);
     const FramePtr output = state_->run(*input);
     Frame result;
     result.setPicture(Picture(output.get()));

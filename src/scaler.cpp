@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "ffmpeg_compat.h"
+#include "simd_planes.h"
 #include "text_format.h"
 
 extern "C" {
@@ -46,64 +47,8 @@ constexpr AlgorithmName algorithmNames[] = {
     {"spline", Scaler::spline},
 };
 
-constexpr std::size_t paletteBytes = 1024;  // 256 entries
-
 constexpr std::size_t roundUp(std::size_t value, std::size_t powerOfTwo) noexcept {
     return (value + powerOfTwo - 1) & ~(powerOfTwo - 1);
-}
-
-/// What a picture's planes hold: bytes of a row and rows, chroma rounded up, as FFmpeg stores them.
-struct PlaneShapes {
-    PlaneShapes(AVPixelFormat format, rect_size_t size) noexcept {
-        const AVPixFmtDescriptor& descriptor = *av_pix_fmt_desc_get(format);
-        const int planes = std::max(av_pix_fmt_count_planes(format), 0);
-        count = static_cast<std::size_t>(std::min(planes, 4));
-        hasPalette = (descriptor.flags & AV_PIX_FMT_FLAG_PAL) != 0;
-        if (hasPalette) count = 1;
-        for (std::size_t p = 0; p < count; ++p) {
-            const int shift = p == 1 || p == 2 ? descriptor.log2_chroma_h : 0;
-            rowBytes[p] = bytesOfRow(format, size.w, p);
-            rows[p] = static_cast<std::size_t>((size.h + (1 << shift) - 1) >> shift);
-        }
-    }
-    static std::size_t bytesOfRow(AVPixelFormat format, int width, std::size_t plane) noexcept {
-        return static_cast<std::size_t>(
-            std::max(av_image_get_linesize(format, width, static_cast<int>(plane)), 0));
-    }
-
-    std::size_t count = 0;  ///< Without the palette, which is in planes[1] and has no rows.
-    bool hasPalette = false;
-    std::size_t rowBytes[4] = {};
-    std::size_t rows[4] = {};
-};
-
-/// Whether libswscale, given this picture's own memory, stays inside it and gives the result that it gives
-/// with ample padding around every row. A wrong "no" costs a copy.
-///
-/// libswscale reads and writes rows in steps of up to 32 bytes or 16 pixels, past the end of the row where
-/// that is no multiple; in some converters it leaves the last pixels out instead, in others it handles rows
-/// in pairs; and some SIMD code crashes below 16-byte alignment. More alignment cannot be asked: blocks of
-/// the heap are only 16-aligned. Found by trying, beside pages that must not be touched: with rows of 16 n
-/// bytes and 8 n pixels, all 30 940 pairs of formats that release 5.1 converts give the right result (but for
-/// bytes that it never writes, see below), at the same size and scaled, with heights from 1 to 8; so do
-/// samples of them with every algorithm and with SIMD limited to SSE2, SSSE3, AVX and AVX2. With rows of
-/// 8 n bytes some do not. Twice that is asked because newer releases have wider converters.
-bool isSafeForLibswscale(const Picture& picture, const PlaneShapes& shapes) noexcept {
-    if (picture.width() % 32 != 0 || picture.height() % 2 != 0) return false;
-    // A borrowed buffer does not tell its size and need not have spare bytes behind it.
-    MemBuffer& buffer = *picture.buffer();
-    if (buffer.size() == 0) return false;
-    for (std::size_t p = 0; p < shapes.count; ++p) {
-        const unsigned char* plane = picture.getPlanes()[p];
-        const int linesize = picture.getLinesize()[p];
-        if (reinterpret_cast<std::uintptr_t>(plane) % 16 != 0 || linesize % 16 != 0) return false;
-        if (shapes.rowBytes[p] % 32 != 0) return false;
-        // Plain copies take the padding of the rows along, which behind a crop's last row may be beyond the
-        // buffer.
-        const auto end = static_cast<std::ptrdiff_t>(shapes.rows[p]) * linesize;
-        if (end > buffer.data() + buffer.size() - plane) return false;
-    }
-    return true;
 }
 
 /// A picture's planes where libswscale may read and write as it likes: base and linesizes are multiples of
@@ -147,26 +92,7 @@ public:
 
     /// Copies a picture of the format and size that this was prepared for.
     void copyFrom(const Picture& picture, const PlaneShapes& shapes) noexcept {
-        const AVPixFmtDescriptor* format = av_pix_fmt_desc_get(picture.pixelFormat());
-        int pixelBytes[4];
-        av_image_fill_max_pixsteps(pixelBytes, nullptr, format);
-        // To halve the chroma of a picture of odd width, libswscale reads one pixel beyond the row.
-        const bool repeatLast = picture.width() % 2 != 0 && (format->flags & AV_PIX_FMT_FLAG_BITSTREAM) == 0;
-        for (std::size_t p = 0; p < shapes.count; ++p) {
-            const std::size_t rowBytes = shapes.rowBytes[p];
-            const std::size_t padding = static_cast<std::size_t>(linesizes_[p]) - rowBytes;
-            const std::size_t repeated =
-                repeatLast ? std::min({static_cast<std::size_t>(pixelBytes[p]), rowBytes, padding}) : 0;
-            const unsigned char* from = picture.getPlanes()[p];
-            unsigned char* to = planes_[p];
-            for (std::size_t row = 0; row < shapes.rows[p]; ++row) {
-                std::memcpy(to, from, rowBytes);
-                std::memcpy(to + rowBytes, to + rowBytes - repeated, repeated);
-                from += picture.getLinesize()[p];
-                to += linesizes_[p];
-            }
-        }
-        if (shapes.hasPalette) std::memcpy(planes_[1], picture.getPlanes()[1], paletteBytes);
+        copyToPaddedPlanes(picture, shapes, planes_, linesizes_);
     }
 
     unsigned char* const* planes() const noexcept { return planes_; }
@@ -182,16 +108,6 @@ private:
     unsigned char* planes_[4] = {};
     int linesizes_[4] = {};
 };
-
-bool hasPixels(const Picture& picture) noexcept {
-    if (picture.empty() || picture.width() <= 0 || picture.height() <= 0) return false;
-    if (!av_pix_fmt_desc_get(picture.pixelFormat())) return false;
-    const PlaneShapes shapes(picture.pixelFormat(), picture.size());
-    for (std::size_t p = 0; p < shapes.count; ++p) {
-        if (!picture.getPlanes()[p]) return false;
-    }
-    return !shapes.hasPalette || picture.getPlanes()[1];
-}
 
 /// Sets the range flags that the two ranges specify. Flags that are right already are left alone, because
 /// setting them builds libswscale's tables anew.
@@ -258,7 +174,7 @@ Picture Scaler::scale(const Picture& source, rect_size_t size, AVPixelFormat for
     const PlaneShapes sourceShapes(source.pixelFormat(), source.size());
     const unsigned char* const* sourcePlanes = source.getPlanes();
     const int* sourceLinesizes = source.getLinesize();
-    if (!isSafeForLibswscale(source, sourceShapes)) {
+    if (!isSafeForSimd(source, sourceShapes)) {
         state_->source.prepare(source.pixelFormat(), source.size());
         state_->source.copyFrom(source, sourceShapes);
         sourcePlanes = state_->source.planes();
@@ -276,7 +192,7 @@ Picture Scaler::scale(const Picture& source, rect_size_t size, AVPixelFormat for
     }
 
     const PlaneShapes targetShapes(format, size);
-    if (isSafeForLibswscale(result, targetShapes)) {
+    if (isSafeForSimd(result, targetShapes)) {
         const int rows = sws_scale(context, sourcePlanes, sourceLinesizes, 0, source.height(),
                                    result.getPlanes(), result.getLinesize());
         // Only for want of memory: all else that it refuses was refused above.

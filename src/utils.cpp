@@ -10,6 +10,7 @@
 #include "ffmpeg_ptr.h"
 #include "kvffmpeg/format_context.h"
 #include "kvffmpeg/scaler.h"
+#include "simd_planes.h"
 #include "text_format.h"
 
 extern "C" {
@@ -103,8 +104,9 @@ void savePicture(Picture picture, const std::string& path, AVCodecID codecId) {
     Output output(path);
 
     const PacketPtr packet = makePacket();
-    const FramePtr frame = makeFrame();
-    Frame(std::move(picture), Timestamp()).fillAVFrame(frame.get());
+    FramePtr frame = makeFrame();
+    Frame(picture, Timestamp()).fillAVFrame(frame.get());
+    frame = withPadding(std::move(frame), picture);
     if (compat::encodePicture(context.get(), frame.get(), packet.get()) < 0) {
         throw std::runtime_error("Encoding failed");
     }

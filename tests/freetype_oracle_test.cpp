@@ -140,6 +140,11 @@ const std::vector<Color> colors{{255, 255, 255}, {0, 0, 0},     {255, 225, 255},
                                 {18, 52, 86},    {255, 165, 0}, {171, 205, 239, 90}, {255, 255, 0, 200}};
 constexpr point_t positions[] = {{10, 8}, {7, 5}, {-9, -6}, {90, 51}};
 
+/// libavfilter does since 10.4.
+bool drawsFullRangeOnGray() {
+    return avfilter_version() >> 16 > 9;
+}
+
 TEST_P(FreeTypeOracleTest, EqualsDrawtextInYuv) {
     for (const AVPixelFormat format : {AV_PIX_FMT_YUV420P, AV_PIX_FMT_YUVA420P}) {
         for (const Color& color : colors) {
@@ -157,8 +162,7 @@ TEST_P(FreeTypeOracleTest, EqualsDrawtextInRgb) {
 }
 
 TEST_P(FreeTypeOracleTest, EqualsDrawtextInGray) {
-    // libavfilter draws full range on gray since 10.4.
-    if (avfilter_version() >> 16 > 9) {
+    if (drawsFullRangeOnGray()) {
         GTEST_SKIP() << "the installed libavfilter draws gray in another range";
     }
     for (const Color& color : colors) {
@@ -170,7 +174,7 @@ TEST_P(FreeTypeOracleTest, EqualsDrawtextInTenBits) {
     // Of black alone all releases make the same samples.
     for (const Color& color : {Color(0, 0, 0), Color(0, 0, 0, 77)}) {
         for (const point_t position : positions) {
-            expectEqualDrawing(AV_PIX_FMT_GRAY10LE, color, position);
+            if (!drawsFullRangeOnGray()) expectEqualDrawing(AV_PIX_FMT_GRAY10LE, color, position);
             expectEqualDrawing(AV_PIX_FMT_GBRP10LE, color, position);
         }
     }

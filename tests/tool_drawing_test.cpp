@@ -203,7 +203,7 @@ TEST_F(ToolDrawingTest, FillReplacesPixelsAndTheirAlpha) {
 }
 
 TEST_F(ToolDrawingTest, FillsOfVideoHaveEvenEdges) {
-    const Picture out = draw(video("32x16", "red"), {"--fill", "3,3,6,7,blue", "--fill", "20,4,2,2,lime"});
+    const Picture out = draw(video({32, 16}, "red"), {"--fill", "3,3,6,7,blue", "--fill", "20,4,2,2,lime"});
     for (const auto& [x, y] : std::vector<std::pair<int, int>>{{2, 2}, {7, 2}, {2, 9}, {7, 9}}) {
         EXPECT_THAT(pixel(out, x, y), about(Color(blue))) << x << ", " << y;
     }
@@ -217,7 +217,7 @@ TEST_F(ToolDrawingTest, FillsOfVideoHaveEvenEdges) {
 TEST_F(ToolDrawingTest, FillsOfVideoReachTheEdgesOfOddSizes) {
     for (const std::string fill : {"0,0,33,17,blue", "-3,-3,100,100,blue", "1,1,32,16,blue"}) {
         SCOPED_TRACE(fill);
-        const Picture out = draw(video("33x17", "red"), {"--fill", fill});
+        const Picture out = draw(video({33, 17}, "red"), {"--fill", fill});
         EXPECT_EQ(out.size(), (rect_size_t{33, 17}));
         for (const auto& [x, y] :
              std::vector<std::pair<int, int>>{{0, 0}, {32, 0}, {0, 16}, {31, 15}, {32, 16}}) {
@@ -250,7 +250,7 @@ TEST_F(ToolDrawingTest, OtherFullRangeFormatsKeepTheirLook) {
 }
 
 TEST_F(ToolDrawingTest, EveryPictureIsDrawnOn) {
-    const std::string input = video("32x16", "red");
+    const std::string input = video({32, 16}, "red");
     ASSERT_EQ(run({"frames", input, "-o", file("out%d.png"), "--fill", "0,0,8,8,blue"}).exitCode, 0);
     for (const std::string name : {"out1.png", "out2.png"}) {
         EXPECT_THAT(pixel(load(file(name)), 7, 7), about(blue)) << name;
@@ -339,7 +339,7 @@ TEST_F(ToolDrawingTest, OverlaysAreDrawnInTheirOrder) {
 
 TEST_F(ToolDrawingTest, OverlayOutsideOfThePictureIsNotSeen) {
     const std::string overlay = still("overlay.png", {4, 4}, blue);
-    for (const std::string& input : {still("in.png", {16, 12}, red), video("16x12", "red")}) {
+    for (const std::string& input : {still("in.png", {16, 12}, red), video({16, 12}, "red")}) {
         for (const std::string position : {"16,0", "-4,0", "0,12", "0,-4", "999999999,5", "-999999999,5"}) {
             SCOPED_TRACE(input + " " + position);
             const Picture out = draw(input, {"--overlay", overlay + "@" + position});
@@ -357,7 +357,7 @@ TEST_F(ToolDrawingTest, OverlayLosesWhatIsOutsideOfThePicture) {
     DrawUtils::fillRectangle(overlay, {0, 0, 10, 8}, white);
     DrawUtils::fillRectangle(overlay, {0, 4, 10, 4}, gray);
     const std::string path = still("overlay.png", overlay);
-    for (const std::string& input : {still("in.png", {24, 12}, black), video("24x12", "black")}) {
+    for (const std::string& input : {still("in.png", {24, 12}, black), video({24, 12}, "black")}) {
         SCOPED_TRACE(input);
         {
             const Picture out = draw(input, {"--overlay", path + "@-4,-2"});
@@ -385,7 +385,7 @@ TEST_F(ToolDrawingTest, OverlayLosesWhatIsOutsideOfThePicture) {
 
 TEST_F(ToolDrawingTest, OverlayHasAnyPositionAndSizeOnVideo) {
     // Gray has no chroma, so that every pixel is on its own.
-    const std::string input = video("32x16", "black");
+    const std::string input = video({32, 16}, "black");
     for (const auto& [size, position] : std::vector<std::pair<rect_size_t, point_t>>{{{5, 5}, {4, 6}},
                                                                                      {{5, 5}, {5, 7}},
                                                                                      {{6, 4}, {3, 3}},
@@ -408,7 +408,7 @@ TEST_F(ToolDrawingTest, OverlayHasAnyPositionAndSizeOnVideo) {
 
 TEST_F(ToolDrawingTest, OverlayReachesTheEdgesOfVideoOfOddSize) {
     const std::string overlay = still("overlay.png", {33, 17}, blue);
-    const Picture out = draw(video("33x17", "red"), {"--overlay", overlay + "@0,0"});
+    const Picture out = draw(video({33, 17}, "red"), {"--overlay", overlay + "@0,0"});
     EXPECT_EQ(out.size(), (rect_size_t{33, 17}));
     for (const auto& [x, y] :
          std::vector<std::pair<int, int>>{{0, 0}, {32, 0}, {0, 16}, {31, 15}, {32, 16}}) {
@@ -484,7 +484,7 @@ TEST_F(ToolDrawingTest, KeyShowsTheBackgroundsPictureInTheSizeOfTheOthers) {
 }
 
 TEST_F(ToolDrawingTest, KeyWorksOnVideo) {
-    const std::string input = video("32x16", "0x00b140");
+    const std::string input = video({32, 16}, "0x00b140");
     const Picture out = draw(input, {"--key", "0x00b140", "--background", "white"});
     EXPECT_THAT(pixel(out, 0, 0), about(white));
     EXPECT_THAT(pixel(out, 31, 15), about(white));
@@ -493,7 +493,7 @@ TEST_F(ToolDrawingTest, KeyWorksOnVideo) {
 }
 
 TEST_F(ToolDrawingTest, KeyReachesTheEdgesOfOddSizes) {
-    for (const std::string& input : {still("in.png", {33, 17}, lime), video("33x17", "lime")}) {
+    for (const std::string& input : {still("in.png", {33, 17}, lime), video({33, 17}, "lime")}) {
         SCOPED_TRACE(input);
         const Picture out = draw(input, {"--key", "lime", "--background", "blue"});
         EXPECT_EQ(out.size(), (rect_size_t{33, 17}));
@@ -504,7 +504,7 @@ TEST_F(ToolDrawingTest, KeyReachesTheEdgesOfOddSizes) {
 }
 
 TEST_F(ToolDrawingTest, OddSizesKeepWhatIsNotOfTheKeysColour) {
-    for (const std::string& input : {still("in.png", {33, 17}, red), video("33x17", "red")}) {
+    for (const std::string& input : {still("in.png", {33, 17}, red), video({33, 17}, "red")}) {
         SCOPED_TRACE(input);
         const Picture untouched = draw(input, {});
         const Picture out = draw(input, {"--key", "lime", "--background", still("b.png", {5, 5}, blue)});
@@ -533,7 +533,7 @@ TEST_F(ToolDrawingTest, UsualGreenScreensAreKeyedWithoutNumbers) {
 
 TEST_F(ToolDrawingTest, SimilarityIsHowFarColoursMayBeFromTheKey) {
     // Chroma of gray is 128, 128; of the key, 44, 21: 136 apart, which is 0.533 of 255.
-    const std::string input = video("32x16", "gray");
+    const std::string input = video({32, 16}, "gray");
     const std::vector<std::pair<std::string, bool>> cases = {{"lime:0.52:0", false},
                                                              {"lime:0.54:0", true},
                                                              {"lime:1", true},
@@ -549,7 +549,7 @@ TEST_F(ToolDrawingTest, SimilarityIsHowFarColoursMayBeFromTheKey) {
 TEST_F(ToolDrawingTest, BlendIsHowSoftlyTheEdgeFades) {
     // The squared distance is 18505, that of the similarity of 0.5 is 16256: (18505 - 16256) / (0.07 * 255)
     // is an alpha of 125.
-    const Picture out = draw(video("32x16", "white"), {"--key", "lime:0.5:0.07", "--background", "black"});
+    const Picture out = draw(video({32, 16}, "white"), {"--key", "lime:0.5:0.07", "--background", "black"});
     const Color mixed = pixel(out, 9, 9);
     EXPECT_THAT(mixed, about(Color(125, 125, 125)));
 }

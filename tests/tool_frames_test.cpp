@@ -284,7 +284,7 @@ TEST_F(ToolFramesTest, FilterThatCannotBeBuiltIsAFailure) {
     const std::string parsing = "Cannot parse filter spec";
     const std::vector<std::pair<std::string, std::string>> filters = {
         {"nosuch", parsing},
-        {"hflip,", parsing},
+        {"hflip[", parsing},
         {"crop=nosuch=1", parsing},
         {"crop=1000:1000", "Cannot configure filter"}};
     for (const auto& [filter, reason] : filters) {

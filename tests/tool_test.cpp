@@ -166,7 +166,8 @@ TEST_F(ToolTest, ProbeTextHasNoControlCharactersOfTheInput) {
 
 TEST_F(ToolTest, ProbeWritesJson) {
     const std::string clip =
-        makeClip("clip.mkv", "-c:v mpeg4 -metadata:s:a language=deu -metadata title=Grays");
+        // Sound without a delay of the encoder: newer releases let such sound begin before 0.
+        makeClip("clip.mkv", "-c:v mpeg4 -c:a pcm_s16le -metadata:s:a language=deu -metadata title=Grays");
     const Result result = run({"probe", "--json", clip});
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_EQ(result.err, "");

@@ -218,7 +218,7 @@ TEST_F(ToolTextTest, WritesInTheFontsColour) {
                     {5, 6, 4, 7}, blue, red);
     expectRectangle(write(still("in.png", {32, 24}, black), {"--text", "A@4,5", "--font-color", "blue@0.5"}),
                     {5, 6, 4, 7}, Color(0, 0, 127, 191), black);
-    expectRectangle(write(video("32x24", "black"), {"--text", "A@4,5", "--font-color", "white@0.5"}),
+    expectRectangle(write(video({32, 24}, "black"), {"--text", "A@4,5", "--font-color", "white@0.5"}),
                     {5, 6, 4, 7}, Color(127, 127, 127), black);
 }
 
@@ -247,13 +247,13 @@ TEST_F(ToolTextTest, BackgroundReplacesPixelsAndTheirAlpha) {
 }
 
 TEST_F(ToolTextTest, BackgroundsOfVideoHaveEvenEdges) {
-    const Picture out = write(video("32x24", "red"), {"--text", "A@5,7", "--background-color", "white"});
+    const Picture out = write(video({32, 24}, "red"), {"--text", "A@5,7", "--background-color", "white"});
     expectRectangle(out, {4, 6, 6, 12}, white, pixel(out, 31, 23));
     EXPECT_THAT(pixel(out, 31, 23), IsAbout(red));
 }
 
 TEST_F(ToolTextTest, WritesOnVideoOfOddSize) {
-    const std::string input = video("33x17", "black");
+    const std::string input = video({33, 17}, "black");
     {
         SCOPED_TRACE("inside");
         const Picture out = write(input, {"--text", "A@3,3"});
@@ -272,7 +272,7 @@ TEST_F(ToolTextTest, WritesOnVideoOfOddSize) {
 }
 
 TEST_F(ToolTextTest, TextLosesWhatIsOutsideOfThePicture) {
-    for (const std::string& input : {still("in.png", {32, 24}, black), video("32x24", "black")}) {
+    for (const std::string& input : {still("in.png", {32, 24}, black), video({32, 24}, "black")}) {
         SCOPED_TRACE(input);
         expectRectangle(write(input, {"--text", "A@-2,-4"}), {-1, -3, 4, 7}, white, black);
         expectRectangle(write(input, {"--text", "A@29,20"}), {30, 21, 4, 7}, white, black);
@@ -282,7 +282,7 @@ TEST_F(ToolTextTest, TextLosesWhatIsOutsideOfThePicture) {
 }
 
 TEST_F(ToolTextTest, TextOutsideOfThePictureIsNotSeen) {
-    for (const std::string& input : {still("in.png", {32, 24}, black), video("32x24", "black")}) {
+    for (const std::string& input : {still("in.png", {32, 24}, black), video({32, 24}, "black")}) {
         for (const std::string position :
              {"32,0", "0,24", "-20,0", "0,-20", "999999999,999999999", "-999999999,-999999999"}) {
             SCOPED_TRACE(input + " " + position);
@@ -321,7 +321,7 @@ TEST_F(ToolTextTest, TextMayHaveFurtherAtSigns) {
 }
 
 TEST_F(ToolTextTest, EveryPictureIsWrittenOn) {
-    ASSERT_EQ(run({"frames", video("32x24", "black"), "-o", file("out%d.png"), "--font", font(),
+    ASSERT_EQ(run({"frames", video({32, 24}, "black"), "-o", file("out%d.png"), "--font", font(),
                    "--font-size", "10", "--text", "A@4,5"})
                   .exitCode,
               0);

@@ -48,10 +48,16 @@ protected:
     }
 
     /// Two pictures of one colour in yuv420p, each sample as it is here.
-    std::string video(const std::string& size, const std::string& color) const {
+    /// Odd sizes are cut from an even one: to subsample chroma at an odd edge FFmpeg looks beyond it.
+    std::string video(rect_size_t size, const std::string& color) const {
         const std::string path = file("video.y4m");
-        runFFmpeg("-f lavfi -i color=" + color + ":size=" + size +
-                  ":rate=10:duration=0.2,format=rgb24 -pix_fmt yuv420p -f yuv4mpegpipe " + path);
+        const auto text = [](int width, int height, const char* between) {
+            return std::to_string(width) + between + std::to_string(height);
+        };
+        runFFmpeg(
+            "-f lavfi -i color=" + color + ":size=" + text(size.w + size.w % 2, size.h + size.h % 2, "x") +
+            ":rate=10:duration=0.2,format=rgb24,scale,format=yuv420p,crop=" + text(size.w, size.h, ":") +
+            ":0:0:exact=1 -f yuv4mpegpipe " + path);
         return path;
     }
 
