@@ -9,6 +9,7 @@
 
 #include "ffmpeg_compat.h"
 #include "kernels.h"
+#include "picture_planes.h"
 
 extern "C" {
 #include <libavutil/error.h>
@@ -18,11 +19,6 @@ namespace kvffmpeg {
 namespace {
 
 // ---- Formats
-
-bool isFullRangeFormat(AVPixelFormat format) noexcept {
-    return format == AV_PIX_FMT_YUVJ420P || format == AV_PIX_FMT_YUVJ422P || format == AV_PIX_FMT_YUVJ444P ||
-           format == AV_PIX_FMT_YUVJ440P || format == AV_PIX_FMT_YUVJ411P;
-}
 
 bool isRgb(const AVPixFmtDescriptor& format) noexcept {
     return (format.flags & AV_PIX_FMT_FLAG_RGB) != 0;
@@ -364,7 +360,7 @@ int ff_draw_init(FFDrawContext* draw, AVPixelFormat format, unsigned flags) noex
     made.format = format;
     made.hsub[1] = made.hsub[2] = made.hsub_max = desc->log2_chroma_w;
     made.vsub[1] = made.vsub[2] = made.vsub_max = desc->log2_chroma_h;
-    made.full_range = (flags & FF_DRAW_FULL_RANGE) != 0 || isFullRangeFormat(format) ? 1 : 0;
+    made.full_range = (flags & FF_DRAW_FULL_RANGE) != 0 || planes::isFullRangeFormat(format) ? 1 : 0;
     made.flags = flags;
     *draw = made;
     return 0;

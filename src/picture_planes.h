@@ -15,6 +15,11 @@ extern "C" {
 
 namespace kvffmpeg::planes {
 
+inline bool isFullRangeFormat(AVPixelFormat format) noexcept {
+    return format == AV_PIX_FMT_YUVJ420P || format == AV_PIX_FMT_YUVJ422P || format == AV_PIX_FMT_YUVJ444P ||
+           format == AV_PIX_FMT_YUVJ440P || format == AV_PIX_FMT_YUVJ411P;
+}
+
 inline bool hasPalettePlane(const AVPixFmtDescriptor& format) noexcept {
     return (format.flags & (AV_PIX_FMT_FLAG_PAL | compat::pseudoPalFlag)) != 0;
 }

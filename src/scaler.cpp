@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "ffmpeg_compat.h"
+#include "picture_planes.h"
 #include "simd_planes.h"
 #include "text_format.h"
 
@@ -138,7 +139,22 @@ void adjustRanges(SwsContext* context, AVColorRange source, AVColorRange target)
 }  // namespace
 
 struct Scaler::State {
+    struct Parameters {
+        rect_size_t sourceSize;
+        AVPixelFormat sourceFormat = AV_PIX_FMT_NONE;
+        rect_size_t targetSize;
+        AVPixelFormat targetFormat = AV_PIX_FMT_NONE;
+        ScalingAlgorithm algorithm = bilinear;
+
+        bool operator==(const Parameters& other) const noexcept {
+            return sourceSize == other.sourceSize && sourceFormat == other.sourceFormat &&
+                   targetSize == other.targetSize && targetFormat == other.targetFormat &&
+                   algorithm == other.algorithm;
+        }
+    };
+
     ContextPtr context;
+    Parameters parameters;  ///< That the context is for.
     Scratch source;
     Scratch target;
 };
@@ -162,7 +178,16 @@ Picture Scaler::scale(const Picture& source, rect_size_t size, AVPixelFormat for
     // libswscale ends the process when it is asked about a format that does not exist.
     if (!hasPixels(source) || !av_pix_fmt_desc_get(format)) return Picture();
 
-    // The call frees the context that it is given unless it returns that one.
+    // What the call carries over to a context for other parameters, or for full-range formats, which it knows
+    // by other names, depends on the release: newer ones keep the ranges. Those must not depend on what was
+    // scaled before.
+    const State::Parameters parameters{source.size(), source.pixelFormat(), size, format, algorithm_};
+    if (!(parameters == state_->parameters) || planes::isFullRangeFormat(source.pixelFormat()) ||
+        planes::isFullRangeFormat(format)) {
+        state_->context.reset();
+        state_->parameters = parameters;
+    }
+    // It frees the context that it is given unless it returns that one.
     state_->context.reset(sws_getCachedContext(state_->context.release(), source.width(), source.height(),
                                                source.pixelFormat(), size.w, size.h, format, algorithm_,
                                                nullptr, nullptr, nullptr));

@@ -50,12 +50,8 @@ std::string testName(const testing::TestParamInfo<std::string>& info) {
 std::vector<std::string> commandPictures(const std::string& path, std::size_t track, std::size_t limit) {
     const std::string input = "-threads 1 -noautorotate -i " + path + " -map 0:" + std::to_string(track) +
                               " -frames:v " + std::to_string(limit);
-    std::vector<std::uint8_t> output;
-    try {
-        output = test::readFFmpeg(input + " -fps_mode passthrough -f framemd5 - 2>/dev/null");
-    } catch (const std::runtime_error&) {  // before FFmpeg 5.1 the option had another name
-        output = test::readFFmpeg(input + " -vsync passthrough -f framemd5 -");
-    }
+    const std::vector<std::uint8_t> output =
+        test::readFFmpeg(input + " " + test::frameRateOption("passthrough") + " -f framemd5 -");
     std::vector<std::string> digests;
     std::istringstream lines(std::string(output.begin(), output.end()));
     for (std::string line; std::getline(lines, line);) {

@@ -18,6 +18,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "ffmpeg_compat.h"
 #include "support/guard_page.h"
 #include "support/media.h"
 
@@ -642,9 +643,35 @@ TEST_F(ScalerTest, RangeChangeCopiesWhatLibswscaleLeavesOut) {
             const GuardedPictures guarded(GuardedEnd::back);
             const Picture result = scaler_.convertToColorspace(source, format, AVCOL_RANGE_JPEG);
             EXPECT_NE(result.buffer(), source.buffer());
-            EXPECT_EQ(visibleBytes(result), visibleBytes(source));
+            // libswscale 9 converts them, all but the last format; of 8 it is not known which it does.
+            const bool mayConvert = compat::ffmpegRelease >= 8 && format != AV_PIX_FMT_MONOBLACK;
+            const bool mayCopy = compat::ffmpegRelease < 9 || format == AV_PIX_FMT_MONOBLACK;
+            const std::vector<std::uint8_t> bytes = visibleBytes(result);
+            EXPECT_TRUE((mayCopy && bytes == visibleBytes(source)) ||
+                        (mayConvert && bytes == plainScale(source, source.size(), format, AVCOL_RANGE_JPEG)));
         }
     }
+}
+
+TEST_F(ScalerTest, EarlierPicturesDoNotChangeTheRangeOfLaterOnes) {
+    // Each of these leaves a context whose ranges are not those of the next one.
+    const std::pair<AVPixelFormat, AVPixelFormat> conversions[] = {
+        {AV_PIX_FMT_GRAY8, AV_PIX_FMT_GRAY16LE},   {AV_PIX_FMT_GRAY8, AV_PIX_FMT_YUV444P},
+        {AV_PIX_FMT_YUVJ444P, AV_PIX_FMT_YUV444P}, {AV_PIX_FMT_YUV444P, AV_PIX_FMT_YUV420P},
+        {AV_PIX_FMT_YUV444P, AV_PIX_FMT_YUVJ420P}, {AV_PIX_FMT_YUV444P, AV_PIX_FMT_YUV422P},
+        {AV_PIX_FMT_RGB24, AV_PIX_FMT_YUV444P},    {AV_PIX_FMT_YUV444P, AV_PIX_FMT_GRAY8}};
+    for (int round = 0; round < 2; ++round) {
+        for (const auto& [from, to] : conversions) {
+            const Picture source = randomPicture({64, 16}, from);
+            expectEqualsPlainScale(scaler_, source, source.size(), to, AVCOL_RANGE_UNSPECIFIED);
+        }
+    }
+}
+
+TEST_F(ScalerTest, RangeSetForAFullRangeFormatIsNotInherited) {
+    const Picture source = randomPicture({64, 16}, AV_PIX_FMT_YUVJ444P);
+    scaler_.convertToColorspace(source, AV_PIX_FMT_YUV420P, AVCOL_RANGE_JPEG);
+    expectEqualsPlainScale(scaler_, source, source.size(), AV_PIX_FMT_YUV420P, AVCOL_RANGE_UNSPECIFIED);
 }
 
 TEST_F(ScalerTest, ChromaThatLibswscaleLeavesOutIsZero) {

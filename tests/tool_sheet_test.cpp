@@ -273,8 +273,9 @@ TEST_F(ToolSheetPicturesTest, OfAnInputWithoutADurationAreEvenlySpacedByNumber) 
 
 TEST_F(ToolSheetPicturesTest, ThatAreShownForLongAreNotShownTwice) {
     // The last one is shown for eight of ten seconds.
-    const std::string clip = makeClip(
-        "clip.mkv", "-an -vf \"setpts='if(eq(N,19),10/TB,PTS)'\" -vsync vfr -c:v mpeg4 -q:v 2 -bf 0");
+    const std::string clip =
+        makeClip("clip.mkv", "-an -vf \"setpts='if(eq(N,19),10/TB,PTS)'\" " + test::frameRateOption("vfr") +
+                                 " -c:v mpeg4 -q:v 2 -bf 0");
     EXPECT_THAT(numbers(clip, 2), ElementsAre(0, 2, 6, 8, 10, 12, 16, 18));
 }
 

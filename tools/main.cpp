@@ -364,9 +364,22 @@ CLI::App* addText(CLI::App& app, Options& options) {
     return command;
 }
 
+/// Newer releases of CLI11 break the lines of help texts anew unless they are told not to; older ones have
+/// nothing to tell.
+template <typename Formatter>
+auto keepLines(Formatter& formatter, int /*preferred*/)
+    -> decltype(formatter.enable_footer_formatting(false), formatter.right_column_width(0)) {
+    constexpr std::size_t longerThanAnyLine = 200;
+    formatter.enable_footer_formatting(false);
+    formatter.right_column_width(longerThanAnyLine);
+}
+template <typename Formatter>
+void keepLines(Formatter& /*formatter*/, long /*otherwise*/) {}
+
 void execute(int argc, char** argv) {
     Options options;
     CLI::App app("Describes media, saves pictures from video, and draws sound and text.", "kvffmpeg");
+    keepLines(*app.get_formatter(), 0);  // the commands' too
     app.set_version_flag("--version", versionText(), "Print the version and exit");
     addVerbosity(app, options);
     app.require_subcommand(1);

@@ -41,6 +41,11 @@ std::string textOf(const std::string& arguments) {
 
 }  // namespace
 
+std::string frameRateOption(const std::string& mode) {
+    static const bool isNew = textOf("-h long").find("-fps_mode") != std::string::npos;
+    return (isNew ? "-fps_mode " : "-vsync ") + mode;
+}
+
 bool commandEncodes(const std::string& encoder) {
     static const std::string encoders = textOf("-encoders");
     return encoders.find(" " + encoder + " ") != std::string::npos;

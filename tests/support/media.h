@@ -15,6 +15,9 @@ void runFFmpeg(const std::string& arguments);
 /// The same; returns what the command writes to its standard output.
 std::vector<std::uint8_t> readFFmpeg(const std::string& arguments);
 
+/// The command's option for the rate of its output, such as "-fps_mode vfr"; before FFmpeg 5.1 it had another
+/// name.
+std::string frameRateOption(const std::string& mode);
 /// Whether the command has an encoder of this name.
 bool commandEncodes(const std::string& encoder);
 /// Whether the command is of the very release of FFmpeg that the tests run with: only then their results are
