@@ -16,6 +16,12 @@ if(KVFFMPEG_SANITIZE)
   target_link_options(kvffmpeg_flags INTERFACE -fsanitize=${KVFFMPEG_SANITIZE})
 endif()
 
+if(KVFFMPEG_COVERAGE)
+  # Counted atomically: some tests start threads.
+  target_compile_options(kvffmpeg_flags INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(kvffmpeg_flags INTERFACE --coverage)
+endif()
+
 # Without this a compiler's own default would stand in, extensions included.
 set(CMAKE_CXX_STANDARD 17)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)

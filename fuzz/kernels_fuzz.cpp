@@ -5,6 +5,8 @@
 //
 // Ends after the seconds (60 unless given) or the calls of vector variants, whichever is given. What differs
 // is told with the seed of its case, which `--seed N --cases 1` repeats.
+//
+// With KVFFMPEG_FUZZ_TARGET it is a fuzz target instead, whose input makes the choices that the seed made.
 
 #include <algorithm>
 #include <array>
@@ -33,7 +35,12 @@ using test::GuardedBytes;
 class Random {
 public:
     explicit Random(std::uint64_t seed) : state_(seed) {}
-    std::uint64_t next() {
+    /// Takes its choices from these bytes, two for each, until they are used up. They have no influence on
+    /// the noise, since they would be used up at once.
+    Random(const std::uint8_t* choices, std::size_t size)
+        : state_(size), choices_(choices), choicesEnd_(choices + size) {}
+
+    std::uint64_t noise() {
         std::uint64_t z = (state_ += 0x9E3779B97F4A7C15U);
         z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9U;
         z = (z ^ (z >> 27)) * 0x94D049BB133111EBU;
@@ -42,20 +49,28 @@ public:
     /// From `low` to `high`, both included.
     int between(int low, int high) {
         const auto span = static_cast<std::uint64_t>(static_cast<std::int64_t>(high) - low) + 1;
-        return static_cast<int>(low + static_cast<std::int64_t>(next() % span));
+        return static_cast<int>(low + static_cast<std::int64_t>(choice() % span));
     }
     bool oneIn(int n) { return between(1, n) == 1; }
     void fill(std::uint8_t* bytes, std::ptrdiff_t count) {
         std::ptrdiff_t i = 0;
         for (; i + 8 <= count; i += 8) {
-            const std::uint64_t value = next();
+            const std::uint64_t value = noise();
             std::memcpy(bytes + i, &value, 8);
         }
-        for (; i < count; ++i) bytes[i] = static_cast<std::uint8_t>(next());
+        for (; i < count; ++i) bytes[i] = static_cast<std::uint8_t>(noise());
     }
 
 private:
+    std::uint64_t choice() {
+        if (choicesEnd_ - choices_ < 2) return noise();
+        choices_ += 2;
+        return std::uint64_t{choices_[-2]} << 8 | choices_[-1];
+    }
+
     std::uint64_t state_;
+    const std::uint8_t* choices_ = nullptr;
+    const std::uint8_t* choicesEnd_ = nullptr;
 };
 
 constexpr int longestSide = 200;
@@ -85,7 +100,7 @@ public:
                 for (; x < end; ++x) {
                     row[x * step] = kind == 0   ? std::uint8_t{0}
                                     : kind == 1 ? std::uint8_t{255}
-                                                : static_cast<std::uint8_t>(random.next());
+                                                : static_cast<std::uint8_t>(random.noise());
                 }
             }
             // Rows that agree with the one above are what shortcuts are taken for.
@@ -191,9 +206,12 @@ int randomPosition(int overlaySize, int destinationSize, Random& random) {
 
 class KernelFuzzer {
 public:
-    /// @returns whether all variants agreed on the case that the seed gives.
-    bool run(std::uint64_t seed) {
-        Random random(seed);
+    struct Difference {
+        const char* what = "";
+        const kernels::Variant* variant = nullptr;  ///< Null when all variants agreed.
+    };
+
+    Difference run(Random random) {
         const kernels::Variant* failed = nullptr;
         const char* what = "";
         switch (random.between(0, 7)) {
@@ -226,10 +244,7 @@ public:
                 what = "ff_blend_mask";
                 failed = blendMask(random);
         }
-        if (!failed) return true;
-        std::fprintf(stderr, "%s: %s differs from scalar; repeat with --seed %llu --cases 1\n", what,
-                     failed->name, static_cast<unsigned long long>(seed));
-        return false;
+        return {what, failed};
     }
     const Comparison& comparison() const { return comparison_; }
 
@@ -265,8 +280,8 @@ private:
     const kernels::Variant* chromakey(Random& random) {
         destination_.shapeYuva(random);
         // Chroma close to the key, where alpha changes.
-        const std::uint8_t key[] = {static_cast<std::uint8_t>(random.next()),
-                                    static_cast<std::uint8_t>(random.next())};
+        const std::uint8_t key[] = {static_cast<std::uint8_t>(random.between(0, 255)),
+                                    static_cast<std::uint8_t>(random.between(0, 255))};
         const float similarity = static_cast<float>(random.between(0, 1000)) / 1000.0F;
         float blend = 0;
         if (!random.oneIn(3)) blend = static_cast<float>(random.between(-100, 1000)) / 999.0F;
@@ -348,6 +363,8 @@ private:
     Comparison comparison_;
 };
 
+#ifndef KVFFMPEG_FUZZ_TARGET
+
 struct Options {
     double seconds = 60;
     std::uint64_t calls = 0;
@@ -396,7 +413,14 @@ int fuzz(const Options& options) {
     };
     std::uint64_t cases = 0;
     bool agreed = true;
-    while (agreed && !done(cases)) agreed = fuzzer.run(options.seed + cases++);
+    while (agreed && !done(cases)) {
+        const std::uint64_t seed = options.seed + cases++;
+        const KernelFuzzer::Difference found = fuzzer.run(Random(seed));
+        if (!found.variant) continue;
+        agreed = false;
+        std::fprintf(stderr, "%s: %s differs from scalar; repeat with --seed %llu --cases 1\n", found.what,
+                     found.variant->name, static_cast<unsigned long long>(seed));
+    }
     std::printf("%llu cases, %llu calls of vector variants, %.0f s: %s\n",
                 static_cast<unsigned long long>(cases),
                 static_cast<unsigned long long>(fuzzer.comparison().calls()), elapsed(),
@@ -404,8 +428,29 @@ int fuzz(const Options& options) {
     return agreed ? 0 : 1;
 }
 
+#endif
+
 }  // namespace
 }  // namespace kvffmpeg
+
+#ifdef KVFFMPEG_FUZZ_TARGET
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace kvffmpeg;
+    static KernelFuzzer fuzzer;
+    const KernelFuzzer::Difference found = fuzzer.run(Random(data, size));
+    if (found.variant) {
+        std::fprintf(stderr, "%s: %s differs from scalar\n", found.what, found.variant->name);
+        std::abort();
+    }
+    // For whoever else draws in this process.
+    kernels::setActive(nullptr);
+    return 0;
+}
+
+#else
 
 int main(int argc, char** argv) {
     kvffmpeg::Options options;
@@ -415,3 +460,5 @@ int main(int argc, char** argv) {
     }
     return kvffmpeg::fuzz(options);
 }
+
+#endif

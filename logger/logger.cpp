@@ -12,9 +12,11 @@
 namespace logger {
 namespace {
 
+/// Beside the rest, because to ask it must not need memory.
+std::atomic<int> currentThreshold{static_cast<int>(Level::warning)};
+
 /// What all messages share. Never destroyed, since objects with static storage may log when the process ends.
 struct State {
-    std::atomic<int> threshold{static_cast<int>(Level::warning)};
     std::mutex mutex;  // guards `sink`, and is not held while that runs
     std::shared_ptr<const Sink> sink;
     const std::shared_ptr<spdlog::logger> standard = makeStandard();
@@ -33,7 +35,7 @@ State& state() {
 }
 
 bool passes(Level level) {
-    return static_cast<int>(level) <= state().threshold.load(std::memory_order_relaxed);
+    return static_cast<int>(level) <= currentThreshold.load(std::memory_order_relaxed);
 }
 
 spdlog::level::level_enum standardLevel(Level level) {
@@ -135,7 +137,7 @@ void vprint(Level level, const char* format, va_list args) noexcept {
 }
 
 void setThreshold(Level threshold) noexcept {
-    state().threshold.store(static_cast<int>(threshold));
+    currentThreshold.store(static_cast<int>(threshold));
 }
 
 void setSink(Sink sink) noexcept {

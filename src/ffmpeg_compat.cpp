@@ -1,6 +1,5 @@
 #include "ffmpeg_compat.h"
 
-#include <cctype>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -202,11 +201,24 @@ void completeChannelLayout(AVCodecParameters& parameters) noexcept {
 int channelIndex(const char* name, std::uint64_t layout) noexcept {
     std::uint64_t mask = 0;
 #if KVFFMPEG_HAVE_CH_LAYOUT
-    AVChannelLayout parsed{};
-    // Blanks before a name are taken since this function exists, and were not before.
-    const bool isBlank = std::isspace(static_cast<unsigned char>(*name)) != 0;
-    if (*name != '\0' && !isBlank && av_channel_layout_from_string(&parsed, name) >= 0) mask = maskOf(parsed);
-    av_channel_layout_uninit(&parsed);
+    // Asked first, as it allocates nothing: without memory the other one says of every name that it is
+    // unknown. It takes more texts than names, which are left to the other one.
+    const int channel = av_channel_from_string(name);
+    char channelName[32] = "";
+    if (channel >= 0 && channel < 64) {
+        av_channel_name(channelName, sizeof(channelName), static_cast<AVChannel>(channel));
+    }
+    if (channelName[0] != '\0' && std::strcmp(name, channelName) == 0) {
+        mask = std::uint64_t{1} << channel;
+    } else {
+        AVChannelLayout parsed{};
+        // Blanks around names, and channels by number, are taken since this function exists, and were not
+        // before.
+        const bool isNew = std::strpbrk(name, " \t\n\v\f\r") || std::strncmp(name, "USR", 3) == 0;
+        if (*name != '\0' && !isNew && av_channel_layout_from_string(&parsed, name) >= 0)
+            mask = maskOf(parsed);
+        av_channel_layout_uninit(&parsed);
+    }
 #else
     mask = av_get_channel_layout(name);
 #endif

@@ -28,9 +28,11 @@ namespace kvffmpeg {
 /// A hash table of intrusive lists: entering and leaving never fail, and asking locks one bucket of many.
 class LivingContexts {
 public:
-    // Never destroyed, since contexts with static storage may outlive it.
+    // Never destroyed, since contexts with static storage may outlive it; and not on the heap, whose want
+    // would end the process here.
     static LivingContexts& instance() noexcept {
-        static LivingContexts* const contexts = new LivingContexts;
+        alignas(LivingContexts) static unsigned char storage[sizeof(LivingContexts)];
+        static LivingContexts* const contexts = new (storage) LivingContexts;
         return *contexts;
     }
 

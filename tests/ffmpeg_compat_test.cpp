@@ -259,5 +259,21 @@ TEST_F(DecodeRuleTest, VideoPacketThatDoesNotDecodeIsAnErrorAndTheDecoderGoesOn)
     EXPECT_EQ(frame_->width, 32);
 }
 
+TEST(ChannelIndexTest, NeedsNoMemoryForTheNameOfAChannel) {
+    compat::registerAll();
+    av_max_alloc(1);
+    const int right = compat::channelIndex("FR", AV_CH_LAYOUT_STEREO);
+    const int unknown = compat::channelIndex("XX", AV_CH_LAYOUT_STEREO);
+    av_max_alloc(INT_MAX);
+    EXPECT_EQ(right, 1);
+    EXPECT_EQ(unknown, AVERROR(EINVAL));
+}
+
+TEST(ChannelIndexTest, TextsThatAreNoNamesOfChannelsAreRefused) {
+    for (const char* text : {"USR0", "USR1", "AMBI0", "fl", " FL", "FL ", "NONE", "UNK"}) {
+        EXPECT_EQ(compat::channelIndex(text, AV_CH_LAYOUT_STEREO), AVERROR(EINVAL)) << text;
+    }
+}
+
 }  // namespace
 }  // namespace kvffmpeg
