@@ -143,33 +143,28 @@ void scale() {
     }
 }
 
+/// A saw-tooth with noise, another one in each channel, in S16 or FLTP (a sample of 16 bits over 32768,
+/// exactly).
 AudioBuffer tone(std::uint64_t layout, AVSampleFormat format, int rate, std::uint64_t samples) {
-    AudioBuffer s16(layout, AV_SAMPLE_FMT_S16);
-    s16.setSampleRate(rate);
-    s16.resize(samples);
+    AudioBuffer buffer(layout, format);
+    buffer.setSampleRate(rate);
+    buffer.resize(samples);
+    const auto planes = buffer.getPointersToPlanes();
+    const auto channels = static_cast<std::size_t>(buffer.numberOfChannels());
     std::uint32_t noise = 1;
-    for (std::uint64_t i = 0; i < samples; ++i) {
-        std::vector<std::int16_t> values;
-        for (int channel = 0; channel < s16.numberOfChannels(); ++channel) {
+    for (std::size_t i = 0; i < samples; ++i) {
+        for (std::size_t channel = 0; channel < channels; ++channel) {
             noise = noise * 1664525 + 1013904223;
-            const int saw =
-                static_cast<int>(i * static_cast<std::uint64_t>(97 + 31 * channel) % 20000) - 10000;
-            values.push_back(static_cast<std::int16_t>(saw + static_cast<int>(noise >> 24)));
+            const int saw = static_cast<int>(i * (97 + 31 * channel) % 20000) - 10000;
+            const auto value = static_cast<std::int16_t>(saw + static_cast<int>(noise >> 24));
+            if (format == AV_SAMPLE_FMT_S16) {
+                reinterpret_cast<std::int16_t*>(planes[0])[i * channels + channel] = value;
+            } else {
+                reinterpret_cast<float*>(planes[channel])[i] = static_cast<float>(value) / 32768.0F;
+            }
         }
-        s16.setSample_s16(values, i);
     }
-    if (format == AV_SAMPLE_FMT_S16) return s16;
-    // Exactly: a sample of 16 bits over 32768.
-    AudioBuffer floats(layout, format);
-    floats.setSampleRate(rate);
-    floats.resize(samples);
-    const auto planes = floats.getPointersToPlanes();
-    for (std::uint64_t i = 0; i < samples; ++i) {
-        const auto values = s16.getSample_s16(i);
-        for (std::size_t channel = 0; channel < planes.size(); ++channel)
-            reinterpret_cast<float*>(planes[channel])[i] = static_cast<float>(values[channel]) / 32768.0F;
-    }
-    return floats;
+    return buffer;
 }
 
 void resample() {
