@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "ffmpeg_compat.h"
 #include "support/filter_presence.h"
 #include "support/media.h"
 
@@ -72,7 +73,7 @@ constexpr const char* drawtext = "drawtext=font=DejaVu Sans:expansion=none:text=
 bool haveNoColor(AVPixelFormat format) {
     constexpr AVPixelFormat formats[] = {AV_PIX_FMT_YA8, AV_PIX_FMT_YA16LE, AV_PIX_FMT_XYZ12LE,
                                          AV_PIX_FMT_NV20LE, AV_PIX_FMT_P016LE};
-    return avutil_version() >> 16 < 57 &&
+    return compat::ffmpegRelease < 5 &&
            std::find(std::begin(formats), std::end(formats), format) != std::end(formats);
 }
 
@@ -85,8 +86,8 @@ std::vector<AVPixelFormat> formatsDrawnOnBy(const std::string& filter) {
         if (ff_draw_init(&context, format, 0) < 0 || haveNoColor(format)) continue;
         const bool drawnOn = filtered(filter, test::randomPicture({16, 16}, format)).pixelFormat() == format;
         if (drawnOn) formats.push_back(format);
-        // With libavutil 57 all that we draw on.
-        if (avutil_version() >> 16 == 57) {
+        // With FFmpeg 5 all that we draw on.
+        if (compat::ffmpegRelease == 5) {
             EXPECT_TRUE(drawnOn) << av_get_pix_fmt_name(format);
         }
     }
@@ -286,8 +287,7 @@ TEST_P(FFDrawTextOracleTest, MasksBlendAsGlyphsDo) {
     const std::string options = GetParam().options;
     const bool oneBit = GetParam().l2depth == 0;
     const Glyph glyph = glyphOf(options);
-    constexpr unsigned lastWithoutShaping = 8;  // the major number of libavfilter
-    if (oneBit && glyph.width <= 0 && avfilter_version() >> 16 > lastWithoutShaping) {
+    if (oneBit && glyph.width <= 0 && compat::ffmpegRelease >= 6) {
         GTEST_SKIP() << "the installed libavfilter draws no monochrome glyphs";
     }
     KVFFMPEG_REQUIRE_FILTER(drawtext + options, "drawtext", "font");

@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "ffmpeg_compat.h"
 #include "support/guard_page.h"
 
 extern "C" {
@@ -278,9 +279,9 @@ INSTANTIATE_TEST_SUITE_P(Formats, FFDrawRefusedTest,
                                          AV_PIX_FMT_P010BE, AV_PIX_FMT_BAYER_BGGR8, AV_PIX_FMT_VAAPI),
                          formatName);
 
-TEST(FFDrawInitTest, FormatsOfLibavutil57AreTheseEightyTwo) {
-    if (avutil_version() >> 16 != 57) {
-        GTEST_SKIP() << "this is libavutil " << (avutil_version() >> 16) << ", whose formats are others";
+TEST(FFDrawInitTest, FormatsOfFFmpeg5AreTheseEightyTwo) {
+    if (compat::ffmpegRelease != 5) {
+        GTEST_SKIP() << "this is FFmpeg " << compat::ffmpegRelease << ", whose formats are others";
     }
     EXPECT_THAT(
         namesOf(acceptedFormats()),
