@@ -295,7 +295,12 @@ private:
 
     void noteCrash(const Report& report, const std::string& name, Row& row) {
         const bool hang = report.signal == SIGALRM;
-        const Place place = placeOf(report.crashedAt, false);
+        Place place = placeOf(report.crashedAt, false);
+        if (!place.known && report.fired) {
+            // A destroyed stack: what could not bear the failed call is the next best culprit.
+            place = placeOf(report.firedAt, true);
+            place.innermost = "an unknown place after a fault in " + place.innermost;
+        }
         const char* const stages[] = {" while made ready", "", " in the destruction", " in a new object", ""};
         const std::string how = report.signal < 0 ? "end of the process" : strsignal(report.signal);
         const std::string what = (hang ? "hang" : "crash (" + how + ")") +

@@ -111,6 +111,7 @@ Place placeOf(const Backtrace& backtrace, bool skipAllocators) {
     }
     if (place.innermost.empty()) {
         place.ours = previous.library.empty();  // where nothing is known, nobody else is blamed
+        place.known = !place.ours;
         place.innermost = place.ours ? "an unknown place" : previous.text();
     }
     return place;

@@ -8,6 +8,7 @@ namespace kvffmpeg::faults {
 
 /// Where in the code something happened, from a list of return addresses of this process or a fork of it.
 struct Place {
+    bool known = true;      ///< False: no frame told anything, and it counts as ours.
     bool ours = false;      ///< The innermost frame outside the C and C++ libraries and the shim is ours.
     std::string innermost;  ///< That frame: "libavutil.so.57+0x1234 (av_frame_ref+0x20)".
     std::string entry;      ///< FFmpeg's or FreeType's function that we called, and our function.
