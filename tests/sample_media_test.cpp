@@ -79,32 +79,41 @@ protected:
     bool hasNoPacketAndSaysSo() const { return compat::ffmpegRelease < 5 && GetParam() == "truncated.m4b"; }
 };
 
-/// Pictures of truncated.gif, which ends in the first one: none, but what there is of it since FFmpeg 7. (Of
-/// FFmpeg 6 it is not known which it does, so libavformat is asked.)
-int picturesOfTruncatedGif() {
-    if (compat::ffmpegRelease != 6) return compat::ffmpegRelease < 6 ? 0 : 1;
-    FormatContext context(test::sampleMedia("truncated.gif"));
-    context.open();
-    AVPacket* packet = av_packet_alloc();
-    const bool hasOne = av_read_frame(context.getAVFormatContext(), packet) >= 0;
-    av_packet_free(&packet);
-    return hasOne ? 1 : 0;
-}
+/// A number that FFmpeg changed with a release.
+struct Change {
+    const char* file;
+    const char* type;  ///< Of the track.
+    const char* name;  ///< As in expected.json.
+    int since;         ///< The first release that is known to have it; the one before may have.
+    std::uint64_t value;
+};
+constexpr Change changesOfReleases[] = {
+    // What there is of the cut picture comes as a packet.
+    {"truncated.gif", "video", "packets", 7, 1},
+    {"truncated.gif", "video", "frames_without_drain", 7, 1},
+    // What the encoder filled up at the end is cut off.
+    {"h264_444_aac_chapters.mkv", "audio", "frames_without_drain", 9, 216},
+    {"h264_444_aac_chapters.mkv", "audio", "samples_without_drain", 9, 221184},
+    {"hevc10_rotated_vfr.mp4", "audio", "samples_without_drain", 9, 112382},
+};
 
-/// Of a track, by the name under which they are known.
-int knownNumber(const std::string& file, const json& stream, const char* name) {
-    return file == "truncated.gif" ? picturesOfTruncatedGif() : stream[name].get<int>();
+/// What is known of a track: one value, or two where it is not known whether the release has the change.
+std::vector<std::uint64_t> known(const std::string& file, const json& stream, const char* name) {
+    std::vector<std::uint64_t> values{stream[name].get<std::uint64_t>()};
+    const bool isSamples = name == std::string("samples_without_drain");
+    // Releases before FFmpeg 5 do not cut off what the last page of Vorbis in Ogg has too much.
+    const bool isVorbis = file == "vorbis_stereo.ogg" || file == "corrupt_gap.ogg";
+    if (compat::ffmpegRelease < 5 && isVorbis && isSamples) values[0] += 208;
+    for (const Change& change : changesOfReleases) {
+        if (file != change.file || stream["type"] != change.type || change.name != std::string(name))
+            continue;
+        if (compat::ffmpegRelease >= change.since) values.clear();
+        if (compat::ffmpegRelease >= change.since - 1) values.push_back(change.value);
+    }
+    return values;
 }
 
 const char* const invalidData = "Invalid data found when processing input";
-
-/// Samples of a track. Releases before FFmpeg 5 do not cut off what the last page of Vorbis in Ogg has too
-/// much.
-std::uint64_t knownSamples(const std::string& file, const json& stream) {
-    const std::uint64_t samples = stream["samples_without_drain"];
-    const bool isOgg = file == "vorbis_stereo.ogg" || file == "corrupt_gap.ogg";
-    return compat::ffmpegRelease < 5 && isOgg ? samples + 208 : samples;
-}
 
 TEST_P(SampleMediaTest, GivesTheKnownNumbersOfPacketsFramesAndSamples) {
     FormatContext context(path());
@@ -123,8 +132,8 @@ TEST_P(SampleMediaTest, GivesTheKnownNumbersOfPacketsFramesAndSamples) {
                     testing::ThrowsMessage<std::runtime_error>(testing::StrEq(invalidData)));
         return;
     }
-    std::vector<int> packets(streams.size());
-    std::vector<int> frames(streams.size());
+    std::vector<std::uint64_t> packets(streams.size());
+    std::vector<std::uint64_t> frames(streams.size());
     std::vector<std::uint64_t> samples(streams.size());
     while (const auto packet = context.readPacket()) {
         const std::size_t track = packet->streamIndex();
@@ -141,15 +150,17 @@ TEST_P(SampleMediaTest, GivesTheKnownNumbersOfPacketsFramesAndSamples) {
         const bool ownPackets =
             !stream["codec"].is_string() || stream["codec"].get<std::string>().rfind("pcm_", 0) != 0;
         if (ownPackets) {
-            EXPECT_EQ(packets[track], knownNumber(GetParam(), stream, "packets"));
+            EXPECT_THAT(known(GetParam(), stream, "packets"), testing::Contains(packets[track]));
             if (stream.contains("frames_without_drain")) {
-                EXPECT_EQ(frames[track], knownNumber(GetParam(), stream, "frames_without_drain"));
+                EXPECT_THAT(known(GetParam(), stream, "frames_without_drain"),
+                            testing::Contains(frames[track]));
             }
         } else {
             EXPECT_EQ(packets[track], frames[track]);
         }
         if (stream.contains("samples_without_drain")) {
-            EXPECT_EQ(samples[track], knownSamples(GetParam(), stream));
+            EXPECT_THAT(known(GetParam(), stream, "samples_without_drain"),
+                        testing::Contains(samples[track]));
         }
         if (stream["type"] == "video" && stream.value("width", 0) > 0) {
             EXPECT_EQ(context.trackAtIndex(static_cast<unsigned>(track))->codecpar->width, stream["width"]);
@@ -186,12 +197,16 @@ TEST_P(SampleMediaTest, PicturesEqualThoseOfTheFFmpegCommandByteForByte) {
         EXPECT_EQ(decoded[track], commandPictures(path(), track, decoded[track].size())) << "track " << track;
         compared += decoded[track].size();
     }
-    std::size_t known = 0;
+    std::uint64_t least = 0;
+    std::uint64_t most = 0;
     for (const json& stream : expected()["streams"]) {
-        if (stream["type"] == "video")
-            known += static_cast<std::size_t>(knownNumber(GetParam(), stream, "frames_without_drain"));
+        if (stream["type"] != "video") continue;
+        const std::vector<std::uint64_t> values = known(GetParam(), stream, "frames_without_drain");
+        least += values.front();
+        most += values.back();
     }
-    EXPECT_EQ(compared, known);
+    EXPECT_GE(compared, least);
+    EXPECT_LE(compared, most);
 }
 
 TEST_P(SampleMediaTest, LoadsAsAPictureOrSaysWhyNot) {
@@ -274,7 +289,9 @@ TEST(SampleMediaFilesTest, AreAtHand) {
 
 TEST(SampleMediaFilesTest, TruncatedGifLoadsAsWhatThereIsOfItOrAnEmptyFrame) {
     KVFFMPEG_REQUIRE_SAMPLE_MEDIA();
-    EXPECT_EQ(loadPictureAsFrame(test::sampleMedia("truncated.gif")).empty(), picturesOfTruncatedGif() == 0);
+    const auto pictures = loadPictureAsFrame(test::sampleMedia("truncated.gif")).empty() ? 0U : 1U;
+    EXPECT_THAT(known("truncated.gif", expectations().at("truncated.gif")["streams"][0], "packets"),
+                testing::Contains(pictures));
 }
 
 TEST(SampleMediaFilesTest, PaletteAndGrayPicturesKeepTheirFormats) {
