@@ -1,12 +1,14 @@
 #include "kvffmpeg/format_context.h"
 
 #include <array>
+#include <climits>
 #include <cstring>
 #include <exception>
 #include <mutex>
 #include <new>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 #include "ffmpeg_compat.h"
 #include "ffmpeg_ptr.h"
@@ -82,6 +84,22 @@ logger::MessageOstream logDetail() {
     return logger::log(static_cast<logger::Level>(5));
 }
 
+// Beyond this the decoder of Sun raster pictures ends the process, by an assertion (seen in FFmpeg 5.1).
+constexpr std::int64_t mostSunRasterPixels = INT_MAX / 12 - 1;
+
+/// Reads ahead until the tracks are described, with decoders that FFmpeg opens by itself.
+bool describeTracks(AVFormatContext& context) {
+    std::vector<AVDictionary*> options(context.nb_streams);
+    for (unsigned int i = 0; i < context.nb_streams; ++i) {
+        if (context.streams[i]->codecpar->codec_id == AV_CODEC_ID_SUNRAST) {
+            av_dict_set_int(&options[i], "max_pixels", mostSunRasterPixels, 0);
+        }
+    }
+    const int result = avformat_find_stream_info(&context, options.empty() ? nullptr : options.data());
+    for (AVDictionary*& option : options) av_dict_free(&option);
+    return result >= 0;
+}
+
 [[noreturn]] void throwFFmpegError(int error) {
     char text[255] = {};
     av_strerror(error, text, sizeof text);
@@ -148,7 +166,7 @@ bool FormatContext::open(const std::string& format, bool findStreamInfo) {
         throw std::runtime_error("can't open input file");
     }
     formatContext_.reset(context);
-    if (findStreamInfo && avformat_find_stream_info(context, nullptr) < 0) {
+    if (findStreamInfo && !describeTracks(*context)) {
         throw std::runtime_error("can't find stream info");
     }
     for (unsigned int i = 0; i < context->nb_streams; ++i) {
@@ -254,6 +272,7 @@ AVCodecContext* FormatContext::getCodecContext(unsigned int streamIndex) {
         return nullptr;
     }
     CodecContextPtr decoder(avcodec_alloc_context3(codec));
+    if (decoder && codec->id == AV_CODEC_ID_SUNRAST) decoder->max_pixels = mostSunRasterPixels;
     AVDictionary* options = nullptr;
     // Without threads a decoder returns a frame as soon as it has one.
     av_dict_set(&options, "thread_type", "0", 0);

@@ -10,6 +10,7 @@
 #include "ffmpeg_ptr.h"
 #include "kvffmpeg/format_context.h"
 #include "kvffmpeg/scaler.h"
+#include "lone_picture.h"
 #include "simd_planes.h"
 #include "text_format.h"
 
@@ -82,7 +83,7 @@ Frame loadPictureAsFrame(const std::string& path) {
     FormatContext input(path);
     input.open(std::string(), false);
     const std::shared_ptr<Packet> packet = input.readPacket();
-    return packet ? input.decodePacket(packet) : Frame();
+    return packet ? decodeLonePacket(input, path, packet) : Frame();
 }
 
 Picture loadPicture(const std::string& path) {

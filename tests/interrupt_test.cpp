@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <memory>
 #include <new>
@@ -10,11 +11,16 @@
 #include <vector>
 
 #include "kvffmpeg/format_context.h"
+#include "reliability/interruption.h"
+#include "support/log_capture.h"
 #include "support/loopback_server.h"
+#include "support/media.h"
 
 namespace kvffmpeg {
 namespace {
 
+using reliability::Ending;
+using reliability::Waiting;
 using test::StalledServer;
 
 /// Interrupts a context again and again until stopped: an interrupt before `open` is lost, and a test cannot
@@ -95,6 +101,43 @@ TEST(InterruptTest, EndsAReadThatWaitsForAStalledPeer) {
     // Packets that are buffered may still come first.
     EXPECT_THROW(while (context.readPacket()){}, std::runtime_error);
     EXPECT_FALSE(context.isEOF());
+}
+
+class InterruptOfWaitingTest : public testing::TestWithParam<Waiting> {};
+
+TEST_P(InterruptOfWaitingTest, OnceEndsIt) {
+    const bool waitsInRead = GetParam().what == Waiting::For::body;
+    for (int run = 0; run < 3; ++run) {
+        SCOPED_TRACE(run);
+        const Ending ending = reliability::interruptOnce(GetParam(), std::chrono::milliseconds(7 * run));
+        EXPECT_TRUE(ending.interrupted);
+        EXPECT_EQ(ending.opened, waitsInRead);
+        EXPECT_EQ(ending.text, waitsInRead ? "Immediate exit requested" : "can't open input file");
+    }
+}
+
+std::string lettersOf(const testing::TestParamInfo<Waiting>& info) {
+    std::string letters;
+    for (const char letter : info.param.name) {
+        if (std::isalnum(static_cast<unsigned char>(letter))) letters += letter;
+    }
+    return letters;
+}
+
+INSTANTIATE_TEST_SUITE_P(Peers, InterruptOfWaitingTest, testing::ValuesIn(reliability::waitings()),
+                         lettersOf);
+
+TEST(InterruptTest, MayComeAtAnyMoment) {
+    const test::LogCapture quiet;
+    const reliability::Tally tally = reliability::interruptAtRandom(
+        500, 1, 2, {test::exampleMedia("clip.mp4"), test::exampleMedia("raster_font.png")});
+    EXPECT_GE(tally.interrupts, 500U);
+    for (const char* const moment : {"open", "readPacket"}) {
+        EXPECT_GT(tally.moments.at(moment), 0U) << moment;
+    }
+    for (const auto& [ending, rounds] : tally.endings) {
+        EXPECT_THAT(ending, testing::Not(testing::HasSubstr("unexpected"))) << rounds << " times";
+    }
 }
 
 TEST(InterruptTest, StaysUntilTheNextOpen) {
