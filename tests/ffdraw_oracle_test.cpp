@@ -253,6 +253,7 @@ Glyph glyphOf(const std::string& options) {
     Picture black({size, size}, AV_PIX_FMT_RGB24);
     std::memset(black.buffer()->data(), 0, black.buffer()->size());
     const Picture drawn = filtered(std::string(drawtext) + options + ":x=32:y=32:fontcolor=white", black);
+    if (drawn.empty()) return Glyph();  // the filter is not there, or refuses the options
     const auto at = [&](int x, int y) { return drawn.getPlanes()[0][y * drawn.getLinesize()[0] + 3 * x]; };
     int left = size, right = 0, top = size, bottom = 0;
     for (int y = 0; y < size; ++y) {

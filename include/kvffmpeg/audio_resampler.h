@@ -8,6 +8,9 @@
 #include "kvffmpeg/export.h"
 #include "kvffmpeg/timestamp.h"
 
+/// \file
+/// Conversion of sound between rates, layouts and formats.
+
 namespace kvffmpeg {
 
 /// Converts audio to another rate, channel layout and sample format with libswresample, and reorders or
@@ -16,8 +19,8 @@ namespace kvffmpeg {
 /// may use a resampler; neither copied nor moved.
 class KVFFMPEG_EXPORT Resampler {
 public:
-    Resampler();
-    ~Resampler();
+    Resampler();   ///< Without a channel map.
+    ~Resampler();  ///< What is held back is lost.
     Resampler(const Resampler&) = delete;
     Resampler& operator=(const Resampler&) = delete;
 

@@ -12,6 +12,9 @@
 #include "kvffmpeg/memory.h"
 #include "kvffmpeg/timestamp.h"
 
+/// \file
+/// Samples that copies share.
+
 extern "C" {
 #include <libavutil/channel_layout.h>
 #include <libavutil/frame.h>
@@ -35,8 +38,8 @@ public:
     bool empty() const noexcept { return planes_ == nullptr; }     ///< True without planes; not "no samples".
     void setSampleRate(int rate) noexcept { sampleRate_ = rate; }  ///< In Hz. Changes no sample.
     int sampleRate() const noexcept { return sampleRate_; }        ///< In Hz.
-    std::uint64_t channelLayout() const noexcept { return channelLayout_; }  ///< Mask of AV_CH_... bits.
-    AVSampleFormat sampleFormat() const noexcept { return sampleFormat_; }
+    std::uint64_t channelLayout() const noexcept { return channelLayout_; }      ///< Mask of AV_CH_... bits.
+    AVSampleFormat sampleFormat() const noexcept { return sampleFormat_; }       ///< Packed or planar.
     int numberOfChannels() const noexcept;                                       ///< Bits in the layout.
     std::uint64_t numberOfSamples() const noexcept { return numberOfSamples_; }  ///< Per channel.
     /// `numberOfSamples()`, as far as every plane holds them: how many samples per channel may be read.
@@ -44,7 +47,7 @@ public:
     /// The first byte of each plane, in plane order (null in a plane without bytes); empty without planes.
     /// Good until the planes are replaced or resized.
     std::vector<std::uint8_t*> getPointersToPlanes();
-    std::vector<const std::uint8_t*> getPointersToPlanes() const;
+    std::vector<const std::uint8_t*> getPointersToPlanes() const;  ///< The same, to be read.
 
     /// Replaces the planes with new ones without bytes, and sets the number of samples to 0.
     void createPlanes();

@@ -4,6 +4,9 @@
 
 #include "kvffmpeg/export.h"
 
+/// \file
+/// Alpha from the distance to a key colour, on planes.
+
 namespace kvffmpeg {
 
 /// Writes the alpha of a YUVA 4:2:0 picture from how far its chroma is from a key; each chroma sample decides

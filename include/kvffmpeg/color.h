@@ -6,16 +6,20 @@
 
 #include "kvffmpeg/export.h"
 
+/// \file
+/// Colours, from and to text.
+
 namespace kvffmpeg {
 
 /// A colour: red, green, blue and alpha, each 0 ... 255 (not checked). A plain value.
 struct KVFFMPEG_EXPORT Color {
-    std::uint32_t red = 0;
-    std::uint32_t green = 0;
-    std::uint32_t blue = 0;
+    std::uint32_t red = 0;      ///< 0 ... 255.
+    std::uint32_t green = 0;    ///< 0 ... 255.
+    std::uint32_t blue = 0;     ///< 0 ... 255.
     std::uint32_t alpha = 255;  ///< 255 is opaque.
 
     constexpr Color() noexcept = default;  ///< Opaque black.
+    /// The colour of these components, opaque by default.
     constexpr Color(unsigned r, unsigned g, unsigned b, unsigned a = 255) noexcept
         : red(r), green(g), blue(b), alpha(a) {}
     /// From any text that FFmpeg takes for a colour: "red", "#ff8000", "0x00FF0080", "red@0.5". Without an
@@ -24,9 +28,11 @@ struct KVFFMPEG_EXPORT Color {
     explicit Color(const std::string& text);
 };
 
+/// Equal in all four components.
 constexpr bool operator==(const Color& a, const Color& b) noexcept {
     return a.red == b.red && a.green == b.green && a.blue == b.blue && a.alpha == b.alpha;
 }
+/// Different in a component.
 constexpr bool operator!=(const Color& a, const Color& b) noexcept {
     return !(a == b);
 }

@@ -5,6 +5,9 @@
 #include "kvffmpeg/geometry.h"
 #include "kvffmpeg/picture.h"
 
+/// \file
+/// Fills, and pictures with alpha onto pictures.
+
 namespace kvffmpeg {
 
 /// Filling rectangles and putting pictures onto pictures, in place. Stateless; any thread.
@@ -26,7 +29,7 @@ public:
     /// @throws std::runtime_error "fillRectangle: Picture must be editable";
     /// "Drawing is not supported for " and the pixel format's name, for formats that `ff_draw_init` refuses.
     static void fillRectangle(Picture& picture, rect_t rect, Color color);
-    /// The same for the whole picture.
+    /// The same for the whole picture, with the same rounding.
     static void fillRectangle(Picture& picture, Color color);
 
     /// Puts `overlay` onto `destination` with its top-left pixel at `position`; what lies outside is left

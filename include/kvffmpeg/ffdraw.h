@@ -12,12 +12,13 @@ extern "C" {
 
 namespace kvffmpeg {
 
-// Drawing into the planes of an image, whatever its pixel format, under the names that libavfilter uses for
-// its own functions, which it does not export. Planes are given as in an AVFrame: linesizes in bytes, at
-// least as long as a row, or negative for images stored bottom up. Positions and sizes are in pixels.
-//
-// The functions touch nothing but their arguments and allocate nothing; any number of threads may draw at the
-// same time into different images, or into different rows and columns of one.
+/// \file
+/// Drawing into the planes of an image, whatever its pixel format, under the names that libavfilter uses for
+/// its own functions, which it does not export. Planes are given as in an AVFrame: linesizes in bytes, at
+/// least as long as a row, or negative for images stored bottom up. Positions and sizes are in pixels.
+///
+/// The functions touch nothing but their arguments and allocate nothing; any number of threads may draw at
+/// the same time into different images, or into different rows and columns of one.
 
 /// For `ff_draw_init`: `ff_blend_mask` draws alpha as it draws the other components. Without it alpha keeps
 /// its value. Fills and copies always write alpha.
@@ -28,8 +29,8 @@ constexpr unsigned FF_DRAW_FULL_RANGE = 0x10000;
 /// How a pixel format is drawn on. Made by `ff_draw_init`; a plain value.
 struct FFDrawContext {
     const AVPixFmtDescriptor* desc = nullptr;  ///< libavutil's, which lives for ever.
-    AVPixelFormat format = AV_PIX_FMT_NONE;
-    unsigned nb_planes = 0;     ///< 1 ... 4.
+    AVPixelFormat format = AV_PIX_FMT_NONE;    ///< What it draws on.
+    unsigned nb_planes = 0;                    ///< 1 ... 4.
     int pixelstep[4] = {};      ///< Bytes from one sample position to the next in a row of each plane.
     std::uint8_t hsub[4] = {};  ///< log2 of how many pixels share a sample position of each plane: in a row
     std::uint8_t vsub[4] = {};  ///< and in a column.
@@ -43,9 +44,9 @@ struct FFDrawContext {
 struct FFDrawColor {
     /// One sample position of a plane.
     union Component {
-        std::uint32_t u32[4];
-        std::uint16_t u16[8];
-        std::uint8_t u8[16];
+        std::uint32_t u32[4];  ///< As 32-bit numbers.
+        std::uint16_t u16[8];  ///< As 16-bit samples.
+        std::uint8_t u8[16];   ///< As bytes.
     };
 
     std::uint8_t rgba[4] = {};  ///< Red, green, blue, alpha.

@@ -8,6 +8,9 @@
 #include "kvffmpeg/frame.h"
 #include "kvffmpeg/picture.h"
 
+/// \file
+/// Filter graphs given as text.
+
 namespace kvffmpeg {
 
 /// Runs frames through a libavfilter graph that a text describes, such as "scale=640:360,hflip". The graph is
@@ -20,8 +23,8 @@ namespace kvffmpeg {
 /// own.)
 class KVFFMPEG_EXPORT FFmpegFilterWrapper {
 public:
-    FFmpegFilterWrapper();  ///< With an empty specification.
-    ~FFmpegFilterWrapper();
+    FFmpegFilterWrapper();   ///< With an empty specification.
+    ~FFmpegFilterWrapper();  ///< Frees the graph, with the frames that it holds back.
     FFmpegFilterWrapper(const FFmpegFilterWrapper&) = delete;
     FFmpegFilterWrapper& operator=(const FFmpegFilterWrapper&) = delete;
 
@@ -49,9 +52,10 @@ public:
     /// for audio, when no frame came out, what `AudioBuffer::resize` throws.
     /// @throws std::bad_alloc when memory runs out and, for video, when no frame came out.
     Frame processFrame(Frame& frame);
-    Frame processVideoFrame(Frame& frame);     ///< The same for the frame's picture.
-    Frame processAudioFrame(Frame& frame);     ///< The same for the frame's audio, also beside a picture.
-    Picture processPicture(Picture& picture);  ///< The same without times.
+    Frame processVideoFrame(Frame& frame);  ///< The same for the frame's picture.
+    Frame processAudioFrame(Frame& frame);  ///< The same for the frame's audio, also beside a picture.
+    /// The same without times. The picture is made editable.
+    Picture processPicture(Picture& picture);
     AudioBuffer processAudioBuffer(AudioBuffer& buffer);  ///< The same without times.
 
 private:

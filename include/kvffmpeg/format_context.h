@@ -11,6 +11,9 @@
 #include "kvffmpeg/packet.h"
 #include "kvffmpeg/timestamp.h"
 
+/// \file
+/// Opening, reading and decoding media.
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
@@ -59,11 +62,12 @@ public:
     bool open(const std::string& format = std::string(), bool findStreamInfo = true);
     /// Frees the decoders and closes the input. Does nothing when closed. Time origin and flags stay.
     void close();
-    /// Ends a blocking `open` or `readPacket` of this object, which then throws, and every later one until
-    /// the next `open`. Needs `setInterruptCallback` before `open`; a call before `open` is lost. From any
-    /// thread.
+    /// Ends an `open` or `readPacket` of this object that waits, which then throws, and every later one that
+    /// would wait, until the next `open`; what FFmpeg has read already still comes out. Needs
+    /// `setInterruptCallback` before `open`; a call before `open` is lost. From any thread.
     void interrupt() noexcept { interrupted_.store(true); }
 
+    /// True with an input, also after an `open` that has thrown "can't find stream info".
     bool isOpened() const noexcept { return formatContext_ != nullptr; }
     bool isEOF() const noexcept { return eof_; }  ///< The last read met the end; cleared by a `seek`.
     bool isStreamed() const noexcept;             ///< Opened, and its I/O cannot seek.
@@ -77,9 +81,8 @@ public:
     std::string channelLayoutAtIndex(unsigned int index) const;
     /// The container's value for `key` (in any case); empty when absent or closed.
     std::string metadata(const std::string& key) const;
-    AVFormatContext* getAVFormatContext() const noexcept {
-        return formatContext_.get();
-    }  ///< Null when closed.
+    /// libavformat's record of the input; null when closed.
+    AVFormatContext* getAVFormatContext() const noexcept { return formatContext_.get(); }
 
     /// Moves to the key frame at or before `t`, on the time line of the packets. Does nothing when closed.
     /// Decoders are not flushed: pictures from before that they still hold come out first.
@@ -104,12 +107,13 @@ public:
     /// not tried again until `close`.
     AVCodecContext* getCodecContext(unsigned int streamIndex);
 
-    /// Decodes a packet of this input into one frame at most, stamped with the best-effort time in
+    /// Decodes a packet of this input into one frame at most (further pictures of the same packet are
+    /// dropped, further sounds come out with the next packets), stamped with the best-effort time in
     /// microseconds (AV_NOPTS_VALUE when unknown, never nil). Pixels and samples are copied once. Full-range
     /// "J" formats become the plain ones. Frames that a decoder still holds at the end of the input are not
     /// delivered.
-    /// @returns an empty frame when nothing came out: the decoder needs more packets, or the packet does not
-    /// decode or is neither audio nor video, which is logged. Content never makes it throw.
+    /// @returns an empty frame for null and when nothing came out: the decoder needs more packets, or the
+    /// packet does not decode or is neither audio nor video, which is logged. Content never makes it throw.
     /// @throws std::bad_alloc when there is no memory for a frame; want of memory for its pixels or samples
     /// counts as a packet that does not decode.
     Frame decodePacket(const std::shared_ptr<Packet>& packet);

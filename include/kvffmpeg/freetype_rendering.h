@@ -8,6 +8,9 @@
 #include "kvffmpeg/geometry.h"
 #include "kvffmpeg/picture.h"
 
+/// \file
+/// Text in any font that FreeType reads.
+
 extern "C" {
 #include <libavutil/pixfmt.h>
 }
@@ -40,7 +43,7 @@ public:
     /// "Could not load font ", "Could not select unicode charmap for font ",
     /// "Could not set fontsize for font ".
     FreeTypeTextRenderer(const std::string& fontPath, int size);
-    ~FreeTypeTextRenderer();
+    ~FreeTypeTextRenderer();  ///< Frees the font and all glyphs.
     FreeTypeTextRenderer(const FreeTypeTextRenderer&) = delete;
     FreeTypeTextRenderer& operator=(const FreeTypeTextRenderer&) = delete;
 

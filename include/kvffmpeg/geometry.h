@@ -5,6 +5,9 @@
 
 #include "kvffmpeg/export.h"
 
+/// \file
+/// Positions, sizes and rectangles in whole pixels. Sums that no int holds are not checked.
+
 namespace kvffmpeg {
 
 /// A position in pixels. An aggregate.
@@ -33,21 +36,27 @@ struct KVFFMPEG_EXPORT rect_t {
     rect_t intersected(const rect_t& other) const noexcept;
 };
 
+/// Equal in every field.
 constexpr bool operator==(point_t a, point_t b) noexcept {
     return a.x == b.x && a.y == b.y;
 }
+/// Different in a field.
 constexpr bool operator!=(point_t a, point_t b) noexcept {
     return !(a == b);
 }
+/// Equal in every field.
 constexpr bool operator==(rect_size_t a, rect_size_t b) noexcept {
     return a.w == b.w && a.h == b.h;
 }
+/// Different in a field.
 constexpr bool operator!=(rect_size_t a, rect_size_t b) noexcept {
     return !(a == b);
 }
+/// Equal in every field; rectangles without area are not equal for that.
 constexpr bool operator==(const rect_t& a, const rect_t& b) noexcept {
     return a.x == b.x && a.y == b.y && a.w == b.w && a.h == b.h;
 }
+/// Different in a field.
 constexpr bool operator!=(const rect_t& a, const rect_t& b) noexcept {
     return !(a == b);
 }

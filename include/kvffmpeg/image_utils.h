@@ -4,6 +4,9 @@
 #include "kvffmpeg/export.h"
 #include "kvffmpeg/picture.h"
 
+/// \file
+/// Chroma keying of pictures.
+
 namespace kvffmpeg {
 
 /// Chroma keying of pictures: what is close to a key colour becomes transparent.

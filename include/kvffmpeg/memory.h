@@ -7,6 +7,9 @@
 
 #include "kvffmpeg/export.h"
 
+/// \file
+/// The block behind pictures and samples, and pools of blocks.
+
 namespace kvffmpeg {
 
 /// A block of bytes with 32 spare bytes behind it, which vectorised FFmpeg code may touch. Pictures share one
@@ -22,7 +25,7 @@ public:
     /// bytes replaces and frees it: outside memory that is to grow must come from array `new`.
     /// @throws std::bad_alloc when the block cannot be allocated.
     MemBuffer(std::size_t size, unsigned char* data);
-    ~MemBuffer();
+    ~MemBuffer();  ///< Frees the block if it is owned.
     MemBuffer(const MemBuffer&) = delete;
     MemBuffer& operator=(const MemBuffer&) = delete;
 
@@ -48,13 +51,14 @@ private:
 /// under their user.
 class KVFFMPEG_EXPORT FixedBufferPool {
 public:
+    /// A pool of blocks of `blockSize` bytes, without any yet.
     explicit FixedBufferPool(std::size_t blockSize) noexcept : blockSize_(blockSize) {}
     /// Takes over all blocks; `other` is left without any and keeps its block size.
     FixedBufferPool(FixedBufferPool&& other) noexcept;
     FixedBufferPool(const FixedBufferPool&) = delete;
     FixedBufferPool& operator=(const FixedBufferPool&) = delete;
     FixedBufferPool& operator=(FixedBufferPool&&) = delete;
-    ~FixedBufferPool();
+    ~FixedBufferPool();  ///< Frees the blocks that were given back.
 
     /// A block of the pool's size, aligned for any object of default alignment, not initialised.
     /// @throws std::bad_alloc with nothing changed.

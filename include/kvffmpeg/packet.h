@@ -8,6 +8,9 @@
 
 #include "kvffmpeg/export.h"
 
+/// \file
+/// Compressed packets, and dictionaries.
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 }
@@ -31,7 +34,7 @@ public:
     /// A deep copy. The reference to the payload held so far is *dropped without being released*: assigning
     /// to a packet that holds a payload leaks that payload. Assigning a packet to itself does nothing.
     Packet& operator=(const Packet& other);
-    ~Packet();
+    ~Packet();  ///< Releases the payload.
 
     /// Makes this a deep copy of `src`, which may be this packet; what it held so far is dropped, not
     /// released.
@@ -39,15 +42,25 @@ public:
     int createAVPacketCopy(const AVPacket& src);
 
     int flags() const noexcept { return AVPacket::flags; }  ///< AV_PKT_FLAG_... bits.
+    /// AV_PKT_FLAG_KEY of the flags; see `FormatContext::setKeyFrameFlag` for who sets it.
     bool isKeyFrame() const noexcept { return (flags() & AV_PKT_FLAG_KEY) != 0; }
-    int size() const noexcept { return AVPacket::size; }                   ///< Of the payload, in bytes.
-    std::int64_t pts() const noexcept { return AVPacket::pts; }            ///< Or AV_NOPTS_VALUE.
-    std::int64_t dts() const noexcept { return AVPacket::dts; }            ///< Or AV_NOPTS_VALUE.
-    std::int64_t duration() const noexcept { return AVPacket::duration; }  ///< 0: unknown.
-    void setPTS(std::int64_t value) noexcept { AVPacket::pts = value; }
-    void setDTS(std::int64_t value) noexcept { AVPacket::dts = value; }
-    void setDuration(std::int64_t value) noexcept { AVPacket::duration = value; }
+    int size() const noexcept { return AVPacket::size; }  ///< Of the payload, in bytes.
+
+    /// @name Times
+    /// In microseconds in packets that `FormatContext::readPacket` gives, else in whatever base their maker
+    /// took; the packet does not know.
+    /// @{
+    std::int64_t pts() const noexcept { return AVPacket::pts; }                    ///< Or AV_NOPTS_VALUE.
+    std::int64_t dts() const noexcept { return AVPacket::dts; }                    ///< Or AV_NOPTS_VALUE.
+    std::int64_t duration() const noexcept { return AVPacket::duration; }          ///< 0: unknown.
+    void setPTS(std::int64_t value) noexcept { AVPacket::pts = value; }            ///< Changes nothing else.
+    void setDTS(std::int64_t value) noexcept { AVPacket::dts = value; }            ///< Changes nothing else.
+    void setDuration(std::int64_t value) noexcept { AVPacket::duration = value; }  ///< Changes nothing else.
+    /// @}
+
+    /// Index of the track in its input.
     unsigned int streamIndex() const noexcept { return static_cast<unsigned int>(stream_index); }
+    /// Says which track the packet is of. Not checked: that there is one.
     void setStreamIndex(unsigned int index) noexcept { stream_index = static_cast<int>(index); }
 };
 
@@ -58,14 +71,14 @@ KVFFMPEG_EXPORT std::ostream& operator<<(std::ostream& out, const Packet& packet
 /// The library never fills one.
 class KVFFMPEG_EXPORT Metadata {
 public:
-    using Map = std::map<std::string, std::string>;
-    using const_iterator = Map::const_iterator;
+    using Map = std::map<std::string, std::string>;  ///< How the entries are kept.
+    using const_iterator = Map::const_iterator;      ///< Walks the entries in key order.
 
-    Metadata() = default;
+    Metadata() = default;  ///< Empty.
     /// The entries of an FFmpeg dictionary, which may be null. Of several equal keys the last one stays.
     explicit Metadata(const AVDictionary* dictionary);
 
-    bool hasKey(std::string key) const;
+    bool hasKey(std::string key) const;                 ///< True when there is an entry, also an empty one.
     std::string getValue(std::string key) const;        ///< Empty when the key is absent.
     std::string operator[](std::string key) const;      ///< The same; never inserts.
     void removeValue(std::string key);                  ///< An absent key is ignored.
@@ -73,10 +86,10 @@ public:
     void addValue(std::string key, const char* value);  ///< Inserts or overwrites; null counts as "".
     void addValue(std::string key, bool value);         ///< Stores "true" or "false".
 
-    std::size_t size() const noexcept { return entries_.size(); }
-    bool empty() const noexcept { return entries_.empty(); }
+    std::size_t size() const noexcept { return entries_.size(); }       ///< Number of entries.
+    bool empty() const noexcept { return entries_.empty(); }            ///< True without entries.
     const_iterator begin() const noexcept { return entries_.begin(); }  ///< Pairs of key and value.
-    const_iterator end() const noexcept { return entries_.end(); }
+    const_iterator end() const noexcept { return entries_.end(); }      ///< Behind the last pair.
 
 private:
     Map entries_;

@@ -11,6 +11,9 @@
 #include "kvffmpeg/geometry.h"
 #include "kvffmpeg/memory.h"
 
+/// \file
+/// Pictures: pixels that copies share.
+
 extern "C" {
 #include <libavutil/frame.h>
 #include <libavutil/pixfmt.h>
@@ -45,10 +48,11 @@ public:
     Picture& operator=(Picture&& other) noexcept;  ///< Leaves `other` empty.
     ~Picture() = default;
 
-    int width() const noexcept { return size_.w; }       ///< In pixels.
-    int height() const noexcept { return size_.h; }      ///< In pixels.
-    rect_size_t size() const noexcept { return size_; }  ///< In pixels.
-    AVPixelFormat pixelFormat() const noexcept { return pixelFormat_; }
+    int width() const noexcept { return size_.w; }                       ///< In pixels.
+    int height() const noexcept { return size_.h; }                      ///< In pixels.
+    rect_size_t size() const noexcept { return size_; }                  ///< In pixels.
+    AVPixelFormat pixelFormat() const noexcept { return pixelFormat_; }  ///< How the planes hold the pixels.
+    /// AVCOL_RANGE_JPEG: full; AVCOL_RANGE_MPEG: limited (16 ... 235); else not known.
     AVColorRange colorRange() const noexcept { return colorRange_; }
     int alignment() const noexcept { return alignment_; }  ///< Of the linesizes, in bytes; 1 by default.
     /// The storage, shared with copies, crops and exported frames; null when empty.
@@ -71,6 +75,7 @@ public:
 
     /// The four plane pointers; null where the format has no such plane, and in an empty picture.
     unsigned char* (&getPlanes() noexcept)[4] { return planes_; }
+    /// The same; the samples can be written to all the same.
     unsigned char* const (&getPlanes() const noexcept)[4] { return planes_; }
     /// The four linesizes: bytes from one row of a plane to the next.
     const int (&getLinesize() const noexcept)[4] { return linesizes_; }
@@ -99,8 +104,10 @@ public:
     /// Rows and columns that do not fit are left out. Writes into a shared buffer without asking.
     void bitblt(const Picture& source, point_t position) noexcept;
 
-    // What follows draws into the picture's own memory, also if that is shared: call `makeEditable()` first.
-    // Only the two solid fills ask.
+    /// @name Drawing
+    /// These draw into the picture's own memory, also if that is shared: call `makeEditable()` first. Only
+    /// the two solid fills ask.
+    /// @{
 
     /// Draws `overlay` here by its alpha: D = (S * a + D * (255 - a)) / 255, rounded down. For a picture of
     /// planar 4:2:0 with 8 bits and an overlay of four bytes a pixel with alpha last (AV_PIX_FMT_RGBA,
@@ -134,6 +141,7 @@ public:
     /// the format. Does nothing without a buffer or width, or if the buffer is borrowed, as its size is not
     /// known then.
     void fillWithDebugData() noexcept;
+    /// @}
 
     /// Exports without copying: fills `buf[0]` (overwritten, not released), the planes, linesizes, size,
     /// format and colour range of a blank frame. The frame keeps the pixels alive, and this picture is not
@@ -146,6 +154,7 @@ public:
     /// down; colour range, alignment, row padding and palettes do not count. Empty pictures are equal to
     /// none.
     bool operator==(const Picture& other) const noexcept;
+    /// The opposite: true for empty pictures.
     bool operator!=(const Picture& other) const noexcept { return !(*this == other); }
 
     /// "(empty picture)", or size, format and range: "1280x720, yuv420p (tv)".

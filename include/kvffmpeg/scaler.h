@@ -7,6 +7,9 @@
 #include "kvffmpeg/geometry.h"
 #include "kvffmpeg/picture.h"
 
+/// \file
+/// Scaling, and conversion between pixel formats and colour ranges.
+
 extern "C" {
 #include <libavutil/pixfmt.h>
 }
@@ -20,25 +23,26 @@ class KVFFMPEG_EXPORT Scaler {
 public:
     /// How to interpolate. The values are libswscale's flags.
     enum ScalingAlgorithm : int {
-        fast_bilinear = 1,
-        bilinear = 2,
-        bicubic = 4,
-        x = 8,
-        point = 16,
-        area = 32,
-        bicublin = 64,
-        gauss = 128,
-        sinc = 256,
-        lanczos = 512,
-        spline = 1024,
+        fast_bilinear = 1,  ///< Bilinear, with less care.
+        bilinear = 2,       ///< The default.
+        bicubic = 4,        ///< Sharper than bilinear.
+        x = 8,              ///< libswscale's "experimental".
+        point = 16,         ///< The nearest sample.
+        area = 32,          ///< The average of the area; for making smaller.
+        bicublin = 64,      ///< Bicubic for luma, bilinear for chroma.
+        gauss = 128,        ///< Soft.
+        sinc = 256,         ///< Unwindowed: rings.
+        lanczos = 512,      ///< Sharp; slower than bicubic.
+        spline = 1024,      ///< Natural bicubic spline.
     };
 
-    Scaler();  ///< Bilinear.
-    ~Scaler();
+    Scaler();   ///< Bilinear.
+    ~Scaler();  ///< Frees libswscale's context.
     Scaler(const Scaler&) = delete;
     Scaler& operator=(const Scaler&) = delete;
 
-    ScalingAlgorithm algorithm() const noexcept { return algorithm_; }
+    ScalingAlgorithm algorithm() const noexcept { return algorithm_; }  ///< Of the next conversion.
+    /// From the next conversion on. Not checked: that the value is one of the enumerators.
     void setAlgorithm(ScalingAlgorithm algorithm) noexcept { algorithm_ = algorithm; }
     /// By the enumerator's exact name, such as "lanczos".
     /// @throws std::runtime_error "Unknown scaling algorithm "%s"" (the name in double quotes) with nothing
@@ -55,8 +59,8 @@ public:
     /// borrowed buffers are copied once more on their way. The few samples that libswscale does not write,
     /// such as the last column of an odd width in some formats, are zero.
     /// @returns an empty picture for an empty source, an unknown format, a size that is not positive, and a
-    /// conversion that libswscale does not offer.
-    /// @throws std::bad_alloc when memory runs out or the size is too large for a picture.
+    /// conversion that libswscale does not offer or finds no memory for.
+    /// @throws std::bad_alloc when there is no memory for the result, or the size is too large for a picture.
     Picture scale(const Picture& source, rect_size_t size, AVPixelFormat format, AVColorRange range);
     /// The same with the source's format and colour range.
     Picture scale(const Picture& source, rect_size_t size);

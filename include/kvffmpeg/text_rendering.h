@@ -6,6 +6,9 @@
 #include "kvffmpeg/export.h"
 #include "kvffmpeg/picture.h"
 
+/// \file
+/// Text in fonts that are one picture of all glyphs.
+
 namespace kvffmpeg {
 
 /// A font that is one picture of 16 x 16 equal cells, one glyph for each byte value: byte c is in column

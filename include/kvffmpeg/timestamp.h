@@ -6,6 +6,9 @@
 
 #include "kvffmpeg/export.h"
 
+/// \file
+/// Times as ticks of a rational base, and the wall clock.
+
 extern "C" {
 #include <libavutil/rational.h>
 }
@@ -30,6 +33,7 @@ struct Timebase {
 constexpr bool operator==(Timebase a, Timebase b) noexcept {
     return a.num == b.num && a.den == b.den;
 }
+/// Field by field; 1/2 and 2/4 are not equal.
 constexpr bool operator!=(Timebase a, Timebase b) noexcept {
     return !(a == b);
 }
@@ -87,13 +91,13 @@ public:
 
     /// Comparisons. In equal bases the values are compared; otherwise both sides are brought to the least
     /// common multiple of the denominators, in 64 bits that wrap around, and *numerators are ignored*: exact
-    /// for bases of the form 1/n. A denominator of 0 gives any answer.
+    /// for bases of the form 1/n. A denominator of 0 gives any answer. Nil flags do not count.
     bool operator<(const Timestamp& other) const noexcept;
-    bool operator<=(const Timestamp& other) const noexcept;
-    bool operator>(const Timestamp& other) const noexcept;
-    bool operator>=(const Timestamp& other) const noexcept;
-    bool operator==(const Timestamp& other) const noexcept;
-    bool operator!=(const Timestamp& other) const noexcept;
+    bool operator<=(const Timestamp& other) const noexcept;  ///< As `operator<`.
+    bool operator>(const Timestamp& other) const noexcept;   ///< As `operator<`.
+    bool operator>=(const Timestamp& other) const noexcept;  ///< As `operator<`.
+    bool operator==(const Timestamp& other) const noexcept;  ///< As `operator<`.
+    bool operator!=(const Timestamp& other) const noexcept;  ///< As `operator<`.
 
     /// "null pts" when nil, otherwise the seconds with six decimals, followed by the base in brackets
     /// unless that is 1/1000000: "1.500000", "0.120000 (1/25)". Independent of the global locale.
@@ -111,6 +115,7 @@ KVFFMPEG_EXPORT std::ostream& operator<<(std::ostream& out, const Timestamp& tim
 /// The wall clock: microseconds since the Unix epoch (CLOCK_REALTIME, truncated).
 KVFFMPEG_EXPORT Timestamp now() noexcept;
 
+/// Integer arithmetic behind the comparison of times.
 namespace helpers {
 
 /// Euclid's algorithm with truncating remainders and without absolute values, so the sign follows the

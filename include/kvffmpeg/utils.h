@@ -7,6 +7,9 @@
 #include "kvffmpeg/picture.h"
 #include "kvffmpeg/timestamp.h"
 
+/// \file
+/// One picture from and to a file.
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 }
@@ -16,11 +19,15 @@ namespace kvffmpeg {
 /// Loads the picture of the first packet of a file, or of any URL that libavformat opens, with its time in
 /// microseconds (0 for a still). The frame is empty when the packet does not decode or there is none.
 ///
+/// What a few bytes claim or unpack to is not believed beyond bounds: a picture of more than 250 MB (83 MB
+/// for JPEG) does not decode when it is more than 64 times as large as its packet, blank ones that
+/// `savePicture` wrote included; a `FormatContext` has no such bound. Large pictures are held in memory once.
+///
 /// `path` is trusted input: libavformat takes it as a URL, and a name such as "b%03d.png" as a numbered
 /// series.
 /// @throws std::runtime_error "can't open input file", or FFmpeg's text when reading fails.
 KVFFMPEG_EXPORT Frame loadPictureAsFrame(const std::string& path);
-/// The picture of `loadPictureAsFrame(path)`.
+/// The picture of `loadPictureAsFrame(path)`, which throws what that throws. Empty when nothing decodes.
 KVFFMPEG_EXPORT Picture loadPicture(const std::string& path);
 
 /// Encodes the picture and writes the encoder's one packet, without a container around it, to `path` (trusted
