@@ -23,9 +23,8 @@
 // With --cold nothing runs before the first fork, so that the first use in a process is made to fail as well,
 // and leaks are not looked for.
 //
-// The tables are Markdown. The exit status is 1 when anything counts against us, 2 for wrong arguments. Under
-// the address and thread sanitizers nothing is run, as their allocator takes the place of the one that is
-// watched here.
+// The tables are Markdown. The exit status is 1 when anything counts against us, 2 for wrong arguments. Not
+// built with sanitizers, whose allocator takes the place of the one that is watched here.
 
 #include <dlfcn.h>
 #include <execinfo.h>
