@@ -1,8 +1,10 @@
 #include "console.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <iomanip>
@@ -11,11 +13,18 @@
 #include <optional>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
+
+#include "errors.h"
+#include "interruption.h"
+#include "progress_text.h"
 
 namespace kvffmpeg::tool {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+constexpr auto outputFailure = "Could not write to standard output";
 
 std::optional<Clock::time_point> progressShownAt;  // this and the next only the main thread touches
 bool progressIsHidden = false;
@@ -74,6 +83,12 @@ bool isControl(std::string_view character) {
 void eraseProgress() {
     if (progressIsVisible) std::cerr << "\r\033[K" << std::flush;
     progressIsVisible = false;
+}
+
+/// Whether standard output is a pipe or the like that has no reader.
+bool readerIsGone() {
+    pollfd output{STDOUT_FILENO, 0, 0};
+    return poll(&output, 1, 0) > 0 && (output.revents & (POLLERR | POLLHUP)) != 0;
 }
 
 }  // namespace
@@ -136,6 +151,13 @@ void clearProgress() {
     eraseProgress();
 }
 
+Progress::Progress(std::string unit) : unit_(std::move(unit)), start_(Clock::now()) {}
+
+void Progress::show(const std::string& what, double done, const std::optional<double>& share) const {
+    const std::chrono::duration<double> elapsed = Clock::now() - start_;
+    showProgress(progressText({what, done, unit_, elapsed.count(), share}));
+}
+
 void occupyStandardStreams() {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (fcntl(descriptor, F_GETFD) != -1) continue;
@@ -146,7 +168,34 @@ void occupyStandardStreams() {
 }
 
 void flushOutput() {
-    if (!std::cout.flush()) throw std::runtime_error("Could not write to standard output");
+    if (std::cout.flush()) return;
+    if (readerIsGone()) throw BrokenPipe();
+    throw std::runtime_error(outputFailure);
+}
+
+void writeOutput(const void* bytes, std::size_t count) {
+    const auto* next = static_cast<const unsigned char*>(bytes);
+    while (count > 0) {
+        throwIfInterrupted();
+        const ssize_t written = write(STDOUT_FILENO, next, count);
+        if (written >= 0) {
+            next += written;
+            count -= static_cast<std::size_t>(written);
+        } else if (errno == EPIPE) {
+            throw BrokenPipe();
+        } else if (errno == EAGAIN) {  // whoever started this may have made the pipe so
+            pollfd output{STDOUT_FILENO, POLLOUT, 0};
+            poll(&output, 1, -1);
+        } else if (errno != EINTR) {
+            throw std::runtime_error(outputFailure);
+        }
+    }
+}
+
+void requireNoTerminal() {
+    if (isatty(STDOUT_FILENO) != 0) {
+        throw UsageError("--output -: standard output is a terminal: expected a file or a pipe behind it");
+    }
 }
 
 }  // namespace kvffmpeg::tool

@@ -1,6 +1,7 @@
 #include "drawing.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <stdexcept>
 
 #include "errors.h"
@@ -8,6 +9,7 @@
 #include "kvffmpeg/image_utils.h"
 #include "kvffmpeg/utils.h"
 #include "picture_file.h"
+#include "text_picture.h"
 
 namespace kvffmpeg::tool {
 namespace {
@@ -34,9 +36,34 @@ std::string withTime(std::string text, const std::string& time) {
     return text;
 }
 
+/// Puts a pixel of rgba before another one.
+void joinPixel(unsigned char* below, const unsigned char* above) {
+    constexpr std::uint32_t full = 255;
+    const std::uint32_t share = above[3] * full;
+    const std::uint32_t rest = below[3] * (full - above[3]);
+    const std::uint32_t sum = share + rest;
+    if (sum == 0) return;
+    for (int c = 0; c < 3; ++c) {
+        below[c] = static_cast<unsigned char>((above[c] * share + below[c] * rest + sum / 2) / sum);
+    }
+    below[3] = static_cast<unsigned char>((sum + full / 2) / full);
+}
+
+/// Puts a picture in rgba, which lies inside, before another one.
+void join(Picture& below, const Picture& above, point_t position) {
+    for (int y = 0; y < above.height(); ++y) {
+        unsigned char* target = below.getPlanes()[0] +
+                                std::ptrdiff_t{position.y + y} * below.getLinesize()[0] +
+                                std::ptrdiff_t{4} * position.x;
+        const unsigned char* source = above.getPlanes()[0] + std::ptrdiff_t{y} * above.getLinesize()[0];
+        for (int x = 0; x < above.width(); ++x, target += 4, source += 4) joinPixel(target, source);
+    }
+}
+
 }  // namespace
 
-Drawing::Drawing(const DrawingOptions& options, Scaler::ScalingAlgorithm algorithm) : algorithm_(algorithm) {
+Drawing::Drawing(const DrawingOptions& options, Scaler::ScalingAlgorithm algorithm, AlphaRule alphaRule)
+    : alphaRule_(alphaRule), algorithm_(algorithm) {
     if (options.key && !options.background) {
         throw UsageError("--key: expected --background with it, a picture file or a colour");
     }
@@ -73,9 +100,8 @@ void Drawing::prepareTexts(const DrawingOptions& options) {
     }
     for (const std::string& text : options.texts) texts_.push_back(parseText(text));
     if (texts_.empty()) return;
-    const TextStyle style = styleOf(options.textStyle);
-    font_ = style.font;
-    textRenderer_ = makeRenderer(style);
+    textStyle_ = styleOf(options.textStyle);
+    textRenderer_ = makeRenderer(textStyle_);
     for (std::size_t i = 0; i < texts_.size(); ++i) {
         requireUtf8(*textRenderer_, "--text \"" + options.texts[i] + "\"", texts_[i].text);
     }
@@ -89,13 +115,30 @@ Picture Drawing::draw(const Picture& picture, const std::string& time) {
     for (const FillArgument& fill : fills_) {
         DrawUtils::fillRectangle(canvas.picture(), canvas.onGrid(fill.area), fill.color);
     }
-    for (const PlacedOverlay& overlay : preparedOverlays_) {
+    for (const PlacedOverlay& overlay : preparedOverlays_) drawOverlay(canvas, overlay);
+    for (const TextArgument& text : texts_) drawText(canvas, text, time);
+    return canvas.result();
+}
+
+void Drawing::drawOverlay(Canvas& canvas, const PlacedOverlay& overlay) const {
+    if (alphaRule_ == AlphaRule::join && canvas.picture().pixelFormat() == AV_PIX_FMT_RGBA) {
+        join(canvas.picture(), overlay.picture, overlay.position);
+    } else {
         DrawUtils::compose(canvas.picture(), overlay.picture, overlay.position);
     }
-    for (const TextArgument& text : texts_) {
-        textRenderer_->drawTo(canvas.picture(), withTime(text.text, time), text.position);
+}
+
+void Drawing::drawText(Canvas& canvas, const TextArgument& text, const std::string& time) const {
+    const std::string written = withTime(text.text, time);
+    if (alphaRule_ == AlphaRule::keep) {
+        textRenderer_->drawTo(canvas.picture(), written, text.position);
+        return;
     }
-    return canvas.result();
+    const Picture layer = renderText(written, textStyle_);
+    if (layer.empty()) return;
+    const PlacedOverlay placed = canvas.place(
+        Scaler().convertToColorspace(layer, AV_PIX_FMT_RGBA, AVCOL_RANGE_UNSPECIFIED), text.position);
+    if (!placed.picture.empty()) drawOverlay(canvas, placed);
 }
 
 void Drawing::prepareFor(const Canvas& canvas) {
@@ -139,7 +182,7 @@ void Drawing::refuseToOverwriteFiles(const std::string& path) const {
         refuseToOverwrite(path, overlay.argument.path, "an overlay");
     }
     if (background_) refuseToOverwrite(path, background_->path, "the background");
-    if (textRenderer_) refuseToOverwrite(path, font_, "the font");
+    if (textRenderer_) refuseToOverwrite(path, textStyle_.font, "the font");
 }
 
 }  // namespace kvffmpeg::tool

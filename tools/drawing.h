@@ -24,6 +24,12 @@ struct DrawingOptions {
     TextStyleOptions textStyle;
 };
 
+/// What becomes of the alpha of pictures that are drawn on in rgba.
+enum class AlphaRule {
+    keep,  ///< It stays but under fills and texts, as in video, whose alpha has a meaning of its own.
+    join,  ///< Overlays and texts add theirs to it, as one picture before another does.
+};
+
 /// Draws on pictures: keys them over a background, then fills rectangles, then puts overlays onto them, then
 /// writes texts, each in the order of the command line.
 class Drawing {
@@ -32,7 +38,8 @@ public:
     /// @throws UsageError for texts that cannot be understood, and for a key without a background and the
     /// other way round, as for a style of texts without a text; std::runtime_error for a file without a
     /// picture, and for a font that cannot be used or found.
-    Drawing(const DrawingOptions& options, Scaler::ScalingAlgorithm algorithm);
+    Drawing(const DrawingOptions& options, Scaler::ScalingAlgorithm algorithm,
+            AlphaRule alphaRule = AlphaRule::keep);
 
     /// The picture with all that is drawn on it; the picture itself when that is nothing. `time` stands for
     /// "{pts}" in texts.
@@ -56,6 +63,8 @@ private:
     void prepareFor(const Canvas& canvas);
     Picture backgroundFor(const Canvas& canvas) const;
     void drawKeyed(Canvas& canvas) const;
+    void drawOverlay(Canvas& canvas, const PlacedOverlay& overlay) const;
+    void drawText(Canvas& canvas, const TextArgument& text, const std::string& time) const;
 
     std::optional<KeyArgument> key_;
     std::optional<BackgroundArgument> background_;
@@ -63,8 +72,9 @@ private:
     std::vector<FillArgument> fills_;
     std::vector<Overlay> overlays_;
     std::vector<TextArgument> texts_;
-    std::string font_;
+    TextStyle textStyle_;
     std::unique_ptr<FreeTypeTextRenderer> textRenderer_;  ///< Null without texts.
+    AlphaRule alphaRule_;
 
     Scaler frameScaler_;
     Scaler::ScalingAlgorithm algorithm_;

@@ -91,6 +91,7 @@ std::vector<SheetCell> bySeeking(Input& input, unsigned int track, std::size_t c
     const std::optional<Span> span = spanOf(input, track);
     if (!span) return cells;
     FrameFinder finder(input, track, span->start);
+    const Progress progress(" pictures/s");
     Timestamp last;
     const auto shares = static_cast<std::int64_t>(2 * count);
     for (std::int64_t middle = 1; middle < shares; middle += 2) {
@@ -101,7 +102,9 @@ std::vector<SheetCell> bySeeking(Input& input, unsigned int track, std::size_t c
         last = frame.PTS();
         cells.push_back(make(frame));
         if (progressIsDue()) {
-            showProgress(std::to_string(cells.size()) + " of " + std::to_string(count) + " pictures");
+            const auto found = static_cast<double>(cells.size());
+            progress.show(std::to_string(cells.size()) + " of " + std::to_string(count) + " pictures", found,
+                          found / static_cast<double>(count));
         }
     }
     return cells;
@@ -112,6 +115,7 @@ std::vector<SheetCell> byReading(Input& input, unsigned int track, std::size_t c
     std::vector<SheetCell> kept;
     std::uint64_t frames = 0;
     std::uint64_t interval = 1;
+    const Progress progress(" pictures/s");
     for (Frame frame = nextFrame(input, track); !frame.empty(); frame = nextFrame(input, track)) {
         if (frames++ % interval == 0) {
             if (kept.size() == 2 * count) {
@@ -123,8 +127,9 @@ std::vector<SheetCell> byReading(Input& input, unsigned int track, std::size_t c
         }
         if (progressIsDue()) {
             const std::string position = positionText(input, frame);
-            showProgress(std::to_string(frames) + " pictures read" +
-                         (position.empty() ? "" : ", " + position));
+            progress.show(
+                std::to_string(frames) + " pictures read" + (position.empty() ? "" : ", " + position),
+                static_cast<double>(frames), shareBefore(input, frame));
         }
     }
     if (kept.size() <= count) return kept;

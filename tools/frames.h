@@ -14,7 +14,7 @@ namespace kvffmpeg::tool {
 
 struct FramesOptions {
     InputOptions input;
-    std::string output;  ///< See `FilePattern`.
+    std::string output;  ///< See `FilePattern`; `standardStream` is a stream on standard output.
     Timestamp start;     ///< Behind the start of the input, in microseconds. Nil: from the first picture on.
     std::uint64_t count = std::numeric_limits<std::uint64_t>::max();
     std::string filter;               ///< A filter graph for the pictures, before they are scaled.
@@ -24,7 +24,8 @@ struct FramesOptions {
     std::optional<unsigned int> track;
 };
 
-/// Decodes a video track and saves its pictures. Says on std::cout which files were written.
+/// Decodes a video track and saves its pictures. Says on std::cout which files were written,
+/// unless the pictures go there.
 /// @throws std::runtime_error also when there was no picture to write.
 void saveFrames(const FramesOptions& options);
 

@@ -59,6 +59,18 @@ std::optional<Timestamp> Input::containerStart() const {
     return Timestamp(start);
 }
 
+std::optional<Timestamp> Input::duration() const {
+    const std::int64_t duration = context_.getAVFormatContext()->duration;
+    return duration > 0 ? std::optional<Timestamp>(Timestamp(duration)) : std::nullopt;
+}
+
+std::optional<double> Input::shareRead() const {
+    AVIOContext* const bytes = context_.getAVFormatContext()->pb;
+    const std::int64_t size = bytes && !context_.isStreamed() ? avio_size(bytes) : 0;
+    if (size <= 0) return std::nullopt;
+    return static_cast<double>(avio_tell(bytes)) / static_cast<double>(size);
+}
+
 Timestamp Input::start() const {
     return containerStart().value_or(Timestamp(0)) + timeOrigin().value_or(Timestamp(0));
 }

@@ -29,6 +29,10 @@ public:
     std::optional<Timestamp> timeOrigin() const;
     /// Where the container says that its own time line starts.
     std::optional<Timestamp> containerStart() const;
+    /// How long the container says that it is; nothing where it does not say.
+    std::optional<Timestamp> duration() const;
+    /// What of its bytes were read, 0 to 1; nothing when their number is not known.
+    std::optional<double> shareRead() const;
     /// Where the input starts on the time line of its packets.
     Timestamp start() const;
 

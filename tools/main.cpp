@@ -1,4 +1,5 @@
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstdint>
 #include <exception>
 #include <iostream>
@@ -6,6 +7,7 @@
 #include <string>
 
 #include "arguments.h"
+#include "compose.h"
 #include "console.h"
 #include "errors.h"
 #include "frames.h"
@@ -30,6 +32,7 @@ struct Options {
     WaveformOptions waveform;
     SheetOptions sheet;
     TextOptions text;
+    ComposeOptions compose;
 };
 
 std::string libraryVersion(unsigned version) {
@@ -90,12 +93,22 @@ CLI::App* addProbe(CLI::App& app, Options& options) {
     return command;
 }
 
+void addAlgorithm(CLI::App& command, std::string& algorithm) {
+    command
+        .add_option("--algorithm", algorithm,
+                    "How to scale: fast_bilinear, bilinear, bicubic, x, point, area,\n"
+                    "bicublin, gauss, sinc, lanczos or spline")
+        ->type_name("NAME")
+        ->capture_default_str();
+}
+
 void addPictureOptions(CLI::App& command, FramesOptions& frames) {
     command
         .add_option("-o,--output", frames.output,
                     "Names of the pictures: one %d, %5d or %05d for the number, from 1 on;\n"
                     "%% is a percent sign. The ending (.png, .jpg, .bmp) is the format.\n"
-                    "Files that exist are overwritten; folders are not made")
+                    "Files that exist are overwritten; folders are not made. - alone is a\n"
+                    "Y4M stream on standard output")
         ->required()
         ->type_name("PATTERN");
     command
@@ -108,12 +121,7 @@ void addPictureOptions(CLI::App& command, FramesOptions& frames) {
             "--size", [&frames](const std::string& text) { frames.size = parseSize(text); },
             "Scale to this size; a side of -1 keeps the proportions")
         ->type_name("WxH");
-    command
-        .add_option("--algorithm", frames.algorithm,
-                    "How to scale: fast_bilinear, bilinear, bicubic, x, point, area,\n"
-                    "bicublin, gauss, sinc, lanczos or spline")
-        ->type_name("NAME")
-        ->capture_default_str();
+    addAlgorithm(command, frames.algorithm);
 }
 
 void addSelectionOptions(CLI::App& command, FramesOptions& frames) {
@@ -163,8 +171,8 @@ void addTextStyle(CLI::App& command, TextStyleOptions& style) {
                 style.color = text;
                 style.given = "--font-color";
             },
-            "Colour of texts; white otherwise. Pictures that have alpha become as\n"
-            "transparent as it is")
+            "Colour of texts; white otherwise. In frames, pictures that have alpha become\n"
+            "as transparent as it is")
         ->type_name("COLOR");
     command
         .add_option_function<std::string>(
@@ -173,8 +181,8 @@ void addTextStyle(CLI::App& command, TextStyleOptions& style) {
                 style.background = text;
                 style.given = "--background-color";
             },
-            "Colour of a rectangle behind texts, which replaces what is there; there is\n"
-            "none otherwise, nor with an alpha of 0")
+            "Colour of a rectangle behind texts, in frames in place of what is there; there\n"
+            "is none otherwise, nor with an alpha of 0")
         ->type_name("COLOR");
     command
         .add_option_function<std::string>(
@@ -185,6 +193,32 @@ void addTextStyle(CLI::App& command, TextStyleOptions& style) {
             },
             "Space around texts: left, top, right and bottom")
         ->type_name("L,T,R,B");
+}
+
+/// The notes are what is true of some pictures only.
+void addDrawnOptions(CLI::App& command, DrawingOptions& drawing, const std::string& noteOnFills,
+                     const std::string& noteOnTexts) {
+    command
+        .add_option("--fill", drawing.fills,
+                    "Fill a rectangle, replacing what is there, also by a transparent colour.\n"
+                    "May be given several times" +
+                        noteOnFills)
+        ->type_name("X,Y,W,H,COLOR")
+        ->allow_extra_args(false);
+    command
+        .add_option("--overlay", drawing.overlays,
+                    "Draw this picture by its alpha, its top left corner at X,Y, which may be\n"
+                    "negative. May be given several times")
+        ->type_name("FILE@X,Y")
+        ->allow_extra_args(false);
+    command
+        .add_option("--text", drawing.texts,
+                    "Write this text, its top left corner at X,Y, which may be negative; the\n"
+                    "last @ in it is the one. " +
+                        noteOnTexts + "May be given several times")
+        ->type_name("TEXT@X,Y")
+        ->allow_extra_args(false);
+    addTextStyle(command, drawing.textStyle);
 }
 
 void addDrawingOptions(CLI::App& command, DrawingOptions& drawing) {
@@ -199,27 +233,11 @@ void addDrawingOptions(CLI::App& command, DrawingOptions& drawing) {
                     "What shows where --key matches: a picture, which is scaled to the size\n"
                     "of the others, or a colour. A file of that name comes before a colour")
         ->type_name("FILE|COLOR");
-    command
-        .add_option("--fill", drawing.fills,
-                    "Fill a rectangle, replacing what is there, also by a transparent colour.\n"
-                    "May be given several times. In 4:2:0, as most video is, its edges are\n"
-                    "rounded down to even numbers")
-        ->type_name("X,Y,W,H,COLOR")
-        ->allow_extra_args(false);
-    command
-        .add_option("--overlay", drawing.overlays,
-                    "Draw this picture by its alpha, its top left corner at X,Y, which may be\n"
-                    "negative. May be given several times")
-        ->type_name("FILE@X,Y")
-        ->allow_extra_args(false);
-    command
-        .add_option("--text", drawing.texts,
-                    "Write this text, its top left corner at X,Y, which may be negative; the\n"
-                    "last @ in it is the one. {pts} in the text is the picture's time from the\n"
-                    "start of the input on, as HH:MM:SS.mmm. May be given several times")
-        ->type_name("TEXT@X,Y")
-        ->allow_extra_args(false);
-    addTextStyle(command, drawing.textStyle);
+    addDrawnOptions(command, drawing,
+                    ". In 4:2:0, as most video is, its edges are\n"
+                    "rounded down to even numbers",
+                    "{pts} in the text is the picture's time from the\n"
+                    "start of the input on, as HH:MM:SS.mmm. ");
 }
 
 CLI::App* addFrames(CLI::App& app, Options& options) {
@@ -242,23 +260,34 @@ CLI::App* addFrames(CLI::App& app, Options& options) {
         "of the pictures that are saved. Colours are names or hexadecimal: white, 0x00b140, red@0.5.\n"
         "Pictures that are drawn on become 4:2:0 if they are 4:2:0 or keyed, and RGBA otherwise.\n"
         "\n"
+        "-o - writes a YUV4MPEG2 stream (Y4M) of 8-bit 4:2:0, 4:2:2 or 4:4:4, as the first picture is;\n"
+        "later pictures get its size. Other formats become the one of these that has all of their chroma:\n"
+        "gray 4:2:0, 4:1:1 4:2:2, 4:4:0, RGB and palettes 4:4:4, those of more bits the one of 8; alpha is\n"
+        "left out. The rate is the track's average, or 25 where it has none, whatever --filter does.\n"
+        "\n"
         "Examples:\n"
         "  kvffmpeg frames clip.mp4 -o pictures/%05d.png\n"
         "  kvffmpeg frames clip.mp4 -o thumbnail%d.jpg --start 1:30 --count 1 --size 320x-1\n"
         "  kvffmpeg frames clip.mp4 -o framed%d.png --filter \"crop=200:100,pad=220:120:10:10:white\"\n"
         "  kvffmpeg frames clip.mp4 -o titled%d.png --fill 0,140,320,40,navy --overlay logo.png@8,144\n"
         "  kvffmpeg frames studio.mp4 -o beach%d.jpg --key 0x00b140 --background beach.jpg\n"
-        "  kvffmpeg frames clip.mp4 -o timed%d.png --text \"Take 3, {pts}@8,8\" --background-color black");
+        "  kvffmpeg frames clip.mp4 -o timed%d.png --text \"Take 3, {pts}@8,8\" --background-color black\n"
+        "  kvffmpeg frames clip.mp4 -o - --text \"Take 3@8,8\" | ffmpeg -i - take3.mkv");
     return command;
 }
 
-void addOutput(CLI::App& command, std::string& output) {
+void addOutput(CLI::App& command, PictureOutputOptions& output) {
     command
-        .add_option("-o,--output", output,
+        .add_option("-o,--output", output.path,
                     "Name of the picture; its ending (.png, .jpg, .bmp) is the format.\n"
-                    "A file that exists is overwritten")
+                    "A file that exists is overwritten. - is standard output")
         ->required()
         ->type_name("FILE");
+    command
+        .add_option_function<std::string>(
+            "--to", [&output](const std::string& text) { output.format = text; },
+            "Format of the picture on standard output, such as jpg or bmp; png otherwise")
+        ->type_name("FORMAT");
 }
 
 CLI::App* addWaveform(CLI::App& app, Options& options) {
@@ -364,6 +393,44 @@ CLI::App* addText(CLI::App& app, Options& options) {
     return command;
 }
 
+CLI::App* addCompose(CLI::App& app, Options& options) {
+    ComposeOptions& compose = options.compose;
+    CLI::App* command = app.add_subcommand("compose", "Put pictures and texts on a picture, and save that");
+    command->add_option("BACKGROUND", compose.background.url,
+                        "Picture file, URL, or - for standard input; of video its first picture.\n"
+                        "Without it there is a canvas of one colour");
+    command
+        ->add_option("--format", compose.background.format,
+                     "Format of the background, such as png_pipe, instead of probing")
+        ->type_name("NAME");
+    addVerbosity(*command, options);
+    addOutput(*command, compose.output);
+    command
+        ->add_option_function<std::string>(
+            "--size", [&compose](const std::string& text) { compose.size = text; },
+            "Scale the background to this size; a side of -1 keeps the proportions.\n"
+            "Without a background the size of the canvas")
+        ->type_name("WxH");
+    command
+        ->add_option_function<std::string>(
+            "--color", [&compose](const std::string& text) { compose.color = text; },
+            "Colour of the canvas; transparent otherwise")
+        ->type_name("COLOR");
+    addAlgorithm(*command, compose.algorithm);
+    addDrawnOptions(*command, compose.drawing, "", "");
+    command->footer(
+        "What is given is applied in this order: --size, every --fill, every --overlay, every --text, each\n"
+        "in the order in which they are given. All is drawn in RGBA. Fills replace what is there; what is\n"
+        "transparent in overlays and texts, and in the background of texts, shows what is below.\n"
+        "Colours are names or hexadecimal: white, 0x00b140, red@0.5.\n"
+        "\n"
+        "Examples:\n"
+        "  kvffmpeg compose beach.jpg -o card.png --overlay logo.png@16,16 --text \"Summer@16,200\"\n"
+        "  kvffmpeg compose -o tile.png --size 320x180 --color navy --overlay badge.png@130,60\n"
+        "  kvffmpeg compose beach.jpg -o - --to jpg --size 320x-1 --fill 0,0,320,24,black > small.jpg");
+    return command;
+}
+
 /// Newer releases of CLI11 break the lines of help texts anew unless they are told not to; older ones have
 /// nothing to tell.
 template <typename Formatter>
@@ -378,7 +445,8 @@ void keepLines(Formatter& /*formatter*/, long /*otherwise*/) {}
 
 void execute(int argc, char** argv) {
     Options options;
-    CLI::App app("Describes media, saves pictures from video, and draws sound and text.", "kvffmpeg");
+    CLI::App app("Describes media, saves pictures from video, and draws sound, text and pictures.",
+                 "kvffmpeg");
     keepLines(*app.get_formatter(), 0);  // the commands' too
     app.set_version_flag("--version", versionText(), "Print the version and exit");
     addVerbosity(app, options);
@@ -387,8 +455,13 @@ void execute(int argc, char** argv) {
     const CLI::App* framesCommand = addFrames(app, options);
     const CLI::App* sheetCommand = addSheet(app, options);
     const CLI::App* waveformCommand = addWaveform(app, options);
-    addText(app, options);
-    app.footer("Run \"kvffmpeg COMMAND --help\" for its options and examples.");
+    const CLI::App* textCommand = addText(app, options);
+    addCompose(app, options);
+    app.footer(
+        "Run \"kvffmpeg COMMAND --help\" for its options and examples.\n"
+        "\n"
+        "Exit codes: 0 done, 1 the input or the output failed, 2 wrong usage, 128 + the signal that ended\n"
+        "it: 130 for Ctrl-C, 141 when nobody reads its standard output any more.");
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& request) {  // --help and --version
@@ -400,7 +473,8 @@ void execute(int argc, char** argv) {
     if (framesCommand->parsed()) return saveFrames(options.frames);
     if (sheetCommand->parsed()) return saveSheet(options.sheet);
     if (waveformCommand->parsed()) return saveWaveform(options.waveform);
-    saveText(options.text);
+    if (textCommand->parsed()) return saveText(options.text);
+    savePictureOfPictures(options.compose);
 }
 
 int fail(const std::string& text, int exitCode) {
@@ -426,6 +500,8 @@ int run(int argc, char** argv) {
         return 0;
     } catch (const Interrupted&) {
         return endInterrupted();
+    } catch (const BrokenPipe&) {
+        return 128 + SIGPIPE;  // as if the signal had ended it, and as quietly
     } catch (const CLI::ParseError& error) {
         return fail(std::string(error.what()) + " (see kvffmpeg --help)", exitUsage);
     } catch (const UsageError& error) {

@@ -13,6 +13,7 @@ namespace {
 std::vector<PacketCount> countPackets(Input& input) {
     std::vector<PacketCount> counts(input.context().tracksNumber());
     std::uint64_t total = 0;
+    const Progress progress(" packets/s");
     while (const std::shared_ptr<Packet> packet = input.readPacket()) {
         const unsigned int track = packet->streamIndex();
         // Some containers announce a track with its first packet.
@@ -20,7 +21,9 @@ std::vector<PacketCount> countPackets(Input& input) {
         ++counts[track].packets;
         if (packet->isKeyFrame()) ++counts[track].keyFrames;
         ++total;
-        if (progressIsDue()) showProgress(std::to_string(total) + " packets");
+        if (progressIsDue()) {
+            progress.show(std::to_string(total) + " packets", static_cast<double>(total), input.shareRead());
+        }
     }
     clearProgress();
     return counts;

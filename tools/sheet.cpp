@@ -1,15 +1,14 @@
 #include "sheet.h"
 
 #include <cstddef>
-#include <iostream>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 #include "arguments.h"
 #include "console.h"
 #include "evenly_spaced.h"
 #include "kvffmpeg/scaler.h"
-#include "kvffmpeg/utils.h"
 #include "picture_file.h"
 #include "sheet_picture.h"
 #include "text_style.h"
@@ -62,10 +61,9 @@ private:
     std::optional<SheetLayout> layout_;
 };
 
-void writeSummary(const SheetOptions& options, rect_size_t size, std::size_t pictures) {
-    std::cout << printable(options.output) << ": " << size.w << 'x' << size.h << ", " << pictures
-              << (pictures == 1 ? " picture\n" : " pictures\n");
-    flushOutput();
+std::string summaryOf(rect_size_t size, std::size_t pictures) {
+    return std::to_string(size.w) + "x" + std::to_string(size.h) + ", " + std::to_string(pictures) +
+           (pictures == 1 ? " picture" : " pictures");
 }
 
 }  // namespace
@@ -77,10 +75,11 @@ void saveSheet(const SheetOptions& options) {
     styleOptions.font = options.font;
     const TextStyle style = styleOf(styleOptions);
     makeRenderer(style);
+    const PictureOutput output(options.output);
     Input input(options.input);
-    requirePictureFormat(options.output);
-    refuseToOverwrite(options.output, options.input.url, "the input");
-    refuseToOverwrite(options.output, style.font, "the font");
+    output.requireFormat();
+    output.refuseToOverwrite(options.input.url, "the input");
+    output.refuseToOverwrite(style.font, "the font");
     const unsigned int track = chooseTrack(input, AVMEDIA_TYPE_VIDEO, options.track);
     discardOthers(input.context(), track);
 
@@ -92,8 +91,8 @@ void saveSheet(const SheetOptions& options) {
     if (cells.empty()) throw std::runtime_error(input.name() + ": No picture was decoded");
     const Picture sheet = drawSheet(maker.layout(), cells, style.font);
     throwIfInterrupted();
-    savePicture(sheet, options.output);
-    writeSummary(options, sheet.size(), cells.size());
+    output.save(sheet);
+    output.summarize(summaryOf(sheet.size(), cells.size()));
 }
 
 }  // namespace kvffmpeg::tool

@@ -86,6 +86,14 @@ bool hasTime(const Frame& frame) {
     return !frame.PTS().is_nil() && frame.PTS().value() != AV_NOPTS_VALUE;
 }
 
+std::optional<double> shareBefore(const Input& input, const Frame& frame, Timestamp from) {
+    const std::optional<Timestamp> duration = input.duration();
+    if (!duration || !hasTime(frame)) return std::nullopt;
+    const double all = (*duration - from).valueInSeconds();
+    const double before = (frame.PTS() - input.start() - from).valueInSeconds();
+    return all > 0 && before >= 0 ? std::optional<double>(before / all) : std::nullopt;
+}
+
 std::string positionText(const Input& input, const Frame& frame, const std::string& unknown) {
     return hasTime(frame) ? clockText(frame.PTS() - input.start()) : unknown;
 }

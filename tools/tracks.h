@@ -28,6 +28,9 @@ Frame nextFrame(Input& input, unsigned int track);
 
 /// False when the frame came without a time.
 bool hasTime(const Frame& frame);
+/// What of the time from `from`, behind the start of the input, to its end lies before the frame, 0 to 1;
+/// nothing when that is not known.
+std::optional<double> shareBefore(const Input& input, const Frame& frame, Timestamp from = Timestamp(0));
 /// The frame's time from the start of the input on, "00:00:01.500"; `unknown` when it has none.
 std::string positionText(const Input& input, const Frame& frame, const std::string& unknown = "");
 

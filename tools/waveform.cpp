@@ -4,14 +4,12 @@
 #include <cmath>
 #include <cstdint>
 #include <iomanip>
-#include <iostream>
 #include <new>
 #include <sstream>
 #include <stdexcept>
 
 #include "console.h"
 #include "kvffmpeg/audio_resampler.h"
-#include "kvffmpeg/utils.h"
 #include "peaks.h"
 #include "picture_file.h"
 #include "tracks.h"
@@ -64,10 +62,18 @@ std::string durationText(std::uint64_t samples, unsigned int rate) {
     return clockText(Timestamp(static_cast<std::int64_t>(samples), Timebase{1, static_cast<int>(rate)}));
 }
 
+void show(const Progress& progress, const Input& input, std::uint64_t samples, unsigned int rate) {
+    const double seconds = static_cast<double>(samples) / rate;
+    const std::optional<Timestamp> duration = input.duration();
+    progress.show(durationText(samples, rate), seconds,
+                  duration ? std::optional<double>(seconds / duration->valueInSeconds()) : std::nullopt);
+}
+
 Peaks peaksOf(Input& input, unsigned int track, unsigned int rate) {
     Peaks peaks;
     MonoResampler resampler(static_cast<int>(rate));
     AudioBuffer previous;
+    const Progress progress("x");
     for (;;) {
         const Frame frame = nextFrame(input, track);
         const AudioBuffer& sound = frame.audioBuffer();
@@ -76,7 +82,7 @@ Peaks peaksOf(Input& input, unsigned int track, unsigned int rate) {
         if (frame.empty()) break;
         add(peaks, resampler.resample(sound));
         previous = sound;
-        if (progressIsDue()) showProgress(durationText(peaks.samples(), rate));
+        if (progressIsDue()) show(progress, input, peaks.samples(), rate);
     }
     clearProgress();
     return peaks;
@@ -96,27 +102,27 @@ std::string peakText(const Peaks& peaks) {
     return text.str();
 }
 
-void writeSummary(const WaveformOptions& options, const Peaks& peaks) {
-    std::cout << printable(options.output) << ": " << options.size.w << 'x' << options.size.h << ", "
-              << durationText(peaks.samples(), options.rate) << ", " << peakText(peaks) << '\n';
-    flushOutput();
+std::string summaryOf(const WaveformOptions& options, const Peaks& peaks) {
+    return std::to_string(options.size.w) + "x" + std::to_string(options.size.h) + ", " +
+           durationText(peaks.samples(), options.rate) + ", " + peakText(peaks);
 }
 
 }  // namespace
 
 void saveWaveform(const WaveformOptions& options) {
+    const PictureOutput output(options.output);
     Picture picture = emptyPicture(options.size);
     Input input(options.input);
-    requirePictureFormat(options.output);
-    refuseToOverwrite(options.output, options.input.url, "the input");
+    output.requireFormat();
+    output.refuseToOverwrite(options.input.url, "the input");
     const unsigned int track = chooseTrack(input, AVMEDIA_TYPE_AUDIO, options.track);
     discardOthers(input.context(), track);
     const Peaks peaks = peaksOf(input, track, options.rate);
     if (peaks.samples() == 0) throw std::runtime_error(input.name() + ": No sound was decoded");
     drawPeaks(picture, peaks);
     throwIfInterrupted();
-    savePicture(picture, options.output);
-    writeSummary(options, peaks);
+    output.save(picture);
+    output.summarize(summaryOf(options, peaks));
 }
 
 }  // namespace kvffmpeg::tool
