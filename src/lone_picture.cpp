@@ -3,7 +3,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <exception>
@@ -43,14 +43,15 @@ int believableBuffer(AVCodecContext* decoder, AVFrame* frame, int flags) noexcep
 /// Whole pages of memory that is read once more by nobody: given back to the system while it goes on.
 class SpentMemory {
 public:
-    explicit SpentMemory(const std::uint8_t* begin) noexcept : spent_(roundedUp(begin)) {}
+    explicit SpentMemory(std::uint8_t* begin) noexcept
+        : spent_(begin + (page() - beyondPage(begin)) % page()) {}
 
-    void extendTo(const std::uint8_t* end) noexcept {
-        const std::uintptr_t last = reinterpret_cast<std::uintptr_t>(end) / page() * page();
-        constexpr std::uintptr_t atOnce = 4U << 20;
-        if (last < spent_ + atOnce) return;
+    void extendTo(std::uint8_t* end) noexcept {
+        std::uint8_t* const last = end - beyondPage(end);
+        constexpr std::ptrdiff_t atOnce = 4 << 20;
+        if (last - spent_ < atOnce) return;
         // What fails costs memory alone.
-        (void)madvise(reinterpret_cast<void*>(spent_), last - spent_, MADV_DONTNEED);
+        (void)madvise(spent_, static_cast<std::size_t>(last - spent_), MADV_DONTNEED);
         spent_ = last;
     }
 
@@ -59,11 +60,11 @@ private:
         static const auto size = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
         return size;
     }
-    static std::uintptr_t roundedUp(const std::uint8_t* address) noexcept {
-        return (reinterpret_cast<std::uintptr_t>(address) + page() - 1) / page() * page();
+    static std::uintptr_t beyondPage(const std::uint8_t* address) noexcept {
+        return reinterpret_cast<std::uintptr_t>(address) % page();
     }
 
-    std::uintptr_t spent_;
+    std::uint8_t* spent_;
 };
 
 /// Whether the copy is worth giving pages back, and the frame's memory is nobody else's.
@@ -88,7 +89,7 @@ Picture takePicture(AVFrame& frame) {
     if (!canBeSpent(frame, shapes)) return Picture(&frame);
     Picture picture({frame.width, frame.height}, format, frame.color_range, 1);
     for (std::size_t p = 0; p < shapes.count; ++p) {
-        const std::uint8_t* from = frame.data[p];
+        std::uint8_t* from = frame.data[p];
         unsigned char* to = picture.getPlanes()[p];
         SpentMemory spent(from);
         for (std::size_t row = 0; row < shapes.rows[p]; ++row) {
