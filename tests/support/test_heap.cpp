@@ -12,9 +12,10 @@ Heap& heap() noexcept {
 bool heapIsOurs() {
     heap().failAfter = 0;
     try {
-        // Out of the compiler's sight: inlined on one side only, the pair looks mismatched to it.
-        void* volatile block = operator new(1);
-        operator delete(block);
+        // By address, as others call them: inlined they would be ours whatever has replaced them.
+        void* (*const volatile allocate)(std::size_t) = &operator new;
+        void (*const volatile release)(void*) = &operator delete;
+        release(allocate(1));
         heap().failAfter = -1;
         return false;
     } catch (const std::bad_alloc&) {
