@@ -89,6 +89,17 @@ AVPixelFormat withoutFullRange(AVPixelFormat format) noexcept {
     }
 }
 
+namespace {
+
+/// As bytes: demuxers copy numbers of the file into enumerations, and to read one that no enumerator can have
+/// is undefined.
+template <typename Enumeration>
+bool equalNumbers(const Enumeration& a, const Enumeration& b) noexcept {
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+}  // namespace
+
 bool sameDecoding(const AVCodecParameters& a, const AVCodecParameters& b) noexcept {
     if (a.codec_type != b.codec_type || a.codec_id != b.codec_id || a.codec_tag != b.codec_tag ||
         a.format != b.format || a.bits_per_coded_sample != b.bits_per_coded_sample ||
@@ -97,9 +108,9 @@ bool sameDecoding(const AVCodecParameters& a, const AVCodecParameters& b) noexce
     }
     if (a.codec_type == AVMEDIA_TYPE_VIDEO &&
         (a.width != b.width || a.height != b.height || !equal(a.sample_aspect_ratio, b.sample_aspect_ratio) ||
-         a.field_order != b.field_order || a.color_range != b.color_range ||
-         a.color_primaries != b.color_primaries || a.color_trc != b.color_trc ||
-         a.color_space != b.color_space || a.chroma_location != b.chroma_location ||
+         !equalNumbers(a.field_order, b.field_order) || !equalNumbers(a.color_range, b.color_range) ||
+         !equalNumbers(a.color_primaries, b.color_primaries) || !equalNumbers(a.color_trc, b.color_trc) ||
+         !equalNumbers(a.color_space, b.color_space) || !equalNumbers(a.chroma_location, b.chroma_location) ||
          a.video_delay != b.video_delay)) {
         return false;
     }

@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include <cstring>
+
 #include <cstdint>
 #include <limits>
 #include <memory>
@@ -353,6 +355,20 @@ TEST_F(SameDecodingTest, ComparesTheExtradataByteForByte) {
     EXPECT_TRUE(sameDecoding(*a_, *b_));
     setExtradata(b_, {});  // no bytes, but a pointer
     EXPECT_FALSE(sameDecoding(*a_, *b_));
+}
+
+// Found by fuzzing, in a file whose header says 205.
+TEST(SameDecodingTest, ComparesColourPrimariesThatNoEnumeratorHas) {
+    AVCodecParameters* a = avcodec_parameters_alloc();
+    AVCodecParameters* b = avcodec_parameters_alloc();
+    a->codec_type = b->codec_type = AVMEDIA_TYPE_VIDEO;
+    const int number = 205;
+    std::memcpy(&a->color_primaries, &number, sizeof number);
+    EXPECT_FALSE(sameDecoding(*a, *b));
+    std::memcpy(&b->color_primaries, &number, sizeof number);
+    EXPECT_TRUE(sameDecoding(*a, *b));
+    avcodec_parameters_free(&a);
+    avcodec_parameters_free(&b);
 }
 
 }  // namespace
