@@ -358,17 +358,13 @@ TEST_F(SameDecodingTest, ComparesTheExtradataByteForByte) {
 }
 
 // Found by fuzzing, in a file whose header says 205.
-TEST(SameDecodingTest, ComparesColourPrimariesThatNoEnumeratorHas) {
-    AVCodecParameters* a = avcodec_parameters_alloc();
-    AVCodecParameters* b = avcodec_parameters_alloc();
-    a->codec_type = b->codec_type = AVMEDIA_TYPE_VIDEO;
+TEST_F(SameDecodingTest, ComparesColourPrimariesThatNoEnumeratorHas) {
+    a_->codec_type = b_->codec_type = AVMEDIA_TYPE_VIDEO;
     const int number = 205;
-    std::memcpy(&a->color_primaries, &number, sizeof number);
-    EXPECT_FALSE(sameDecoding(*a, *b));
-    std::memcpy(&b->color_primaries, &number, sizeof number);
-    EXPECT_TRUE(sameDecoding(*a, *b));
-    avcodec_parameters_free(&a);
-    avcodec_parameters_free(&b);
+    std::memcpy(&a_->color_primaries, &number, sizeof number);
+    EXPECT_FALSE(sameDecoding(*a_, *b_));
+    std::memcpy(&b_->color_primaries, &number, sizeof number);
+    EXPECT_TRUE(sameDecoding(*a_, *b_));
 }
 
 }  // namespace
