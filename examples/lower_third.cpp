@@ -1,43 +1,23 @@
 // Draws a lower third over a video: a bar, and on it a badge with soft edges. Saves one picture a second or
 // so:
 //
-//     kvffmpeg_example_lower_third clip.mp4
+//     kvffmpeg_example_lower_third clip.mp4 badge.png
 
 #include <kvffmpeg/kvffmpeg.h>
 
-#include <algorithm>
-#include <cmath>
 #include <iostream>
 
-namespace {
-
-using kvffmpeg::Color;
-using kvffmpeg::DrawUtils;
-using kvffmpeg::Picture;
-
-/// An orange disc on nothing; its edge fades over two pixels. A real program would load a file, by
-/// kvffmpeg::loadPicture("badge.png").
-Picture badge(int size) {
-    Picture picture({size, size}, AV_PIX_FMT_RGBA);
-    DrawUtils::fillRectangle(picture, Color("orange"));  // sets the alpha, too, to 255
-    const double centre = (size - 1) / 2.0;
-    for (int y = 0; y < size; ++y) {
-        unsigned char* row = picture.getPlanes()[0] + y * picture.getLinesize()[0];
-        for (int x = 0; x < size; ++x) {
-            const double inside = size / 2.0 - std::hypot(x - centre, y - centre);
-            row[4 * x + 3] = static_cast<unsigned char>(255 * std::clamp(inside / 2, 0.0, 1.0));
-        }
-    }
-    return picture;
-}
-
-}  // namespace
-
 int main(int count, char** arguments) try {
-    if (count != 2) {
-        std::cerr << "usage: " << arguments[0] << " FILE\n";
+    using kvffmpeg::Color;
+    using kvffmpeg::DrawUtils;
+    using kvffmpeg::Picture;
+
+    if (count != 3) {
+        std::cerr << "usage: " << arguments[0] << " FILE BADGE\n";
         return 2;
     }
+    const Picture badge = kvffmpeg::loadPicture(arguments[2]);
+    if (badge.empty()) throw std::runtime_error("There is no picture in the badge's file");
     kvffmpeg::FormatContext input(arguments[1]);
     input.open();
 
@@ -59,7 +39,7 @@ int main(int count, char** arguments) try {
 
         // An overlay has the format of what it is drawn onto, with alpha: converted once, drawn many times.
         if (overlay.empty()) {
-            overlay = kvffmpeg::Scaler().convertToColorspace(badge(height - 4), AV_PIX_FMT_YUVA420P, range);
+            overlay = kvffmpeg::Scaler().scale(badge, {height - 4, height - 4}, AV_PIX_FMT_YUVA420P, range);
         }
 
         // The frame has the same pixels still: from here on the picture has its own.

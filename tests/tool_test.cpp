@@ -374,8 +374,7 @@ TEST_F(ToolTest, PiecesOfFFmpegsLinesAreJoined) {
 }
 
 TEST_F(ToolTest, QuietLeavesWarningsOut) {
-    // The first packet of its sound holds nothing to decode.
-    const Arguments loud{"waveform", test::exampleMedia("clip.mp4"), "-o", file("wave.png")};
+    const Arguments loud{"waveform", makeDamagedSound("damaged.mka"), "-o", file("wave.png")};
     EXPECT_THAT(run(loud).err, StartsWith("kvffmpeg: warning: Could not decode audio from "));
     for (const bool before : {true, false}) {
         Arguments arguments = loud;

@@ -242,6 +242,35 @@ TEST_F(ToolWaveformTest, MixesTheChannels) {
     EXPECT_EQ(summary(), "1280x240, 00:00:01.000, silent\n");
 }
 
+TEST_F(ToolWaveformTest, MixesThePlanesOfPlanarSound) {
+    // ALAC decodes to one plane for each channel.
+    test::runFFmpeg("-f lavfi -i \"aevalsrc='0|0.5*sin(2*PI*440*t)':s=8000:d=1\" -c:a alac " +
+                    file("right.m4a"));
+    draw(file("right.m4a"));
+    EXPECT_THAT(summary(), EndsWith(", peak -12.0 dB\n"));
+}
+
+TEST_F(ToolWaveformTest, DrawsAllBuffersOfAPacket) {
+    // The demuxer gives several blocks of ADPCM at once, the decoder one buffer for each.
+    test::runFFmpeg("-f lavfi -i \"aevalsrc='0.5*sin(2*PI*440*t)':s=22050:d=10\" -c:a adpcm_ima_wav " +
+                    file("blocks.wav"));
+    const Picture picture = draw(file("blocks.wav"), {"--size", "100x200"});
+    EXPECT_THAT(summary(), MatchesRegex("100x200, 00:00:10\\.0[0-9]+, peak -[56]\\.[0-9] dB\n"));
+    EXPECT_THAT(topsOf(picture, 1, 98), Each(AllOf(testing::Ge(45), testing::Le(55))));
+}
+
+TEST_F(ToolWaveformTest, FirstPacketThatGivesNothingIsNoWarning) {
+    draw(test::exampleMedia("clip.mp4"));  // which looks at standard error
+}
+
+TEST_F(ToolWaveformTest, DamagedPacketsAreLeftOutWithAWarning) {
+    const std::string sound = makeDamagedSound("damaged.mka");
+    const Result result = run({"waveform", sound, "-o", file("wave.png"), "--size", "100x100"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.err, "kvffmpeg: warning: Could not decode audio from " + sound + ":0\n");
+    EXPECT_THAT(result.out, MatchesRegex(".*100x100, 00:00:0[01]\\.9[0-9]+, peak -[56]\\.[0-9] dB\n"));
+}
+
 TEST_F(ToolWaveformTest, FollowsAChangeOfRate) {
     const std::string loud = file("loud.mp2");
     const std::string silent = file("silent.mp2");

@@ -12,6 +12,7 @@
 #include "kvffmpeg/audio_resampler.h"
 #include "peaks.h"
 #include "picture_file.h"
+#include "sound_reader.h"
 #include "tracks.h"
 #include "waveform_picture.h"
 
@@ -74,12 +75,12 @@ Peaks peaksOf(Input& input, unsigned int track, unsigned int rate) {
     MonoResampler resampler(static_cast<int>(rate));
     AudioBuffer previous;
     const Progress progress("x");
+    SoundReader reader(input, track);
     for (;;) {
-        const Frame frame = nextFrame(input, track);
-        const AudioBuffer& sound = frame.audioBuffer();
+        const AudioBuffer sound = reader.next();
         // Some streams change their rate or layout on the way, and the resampler then begins anew.
         if (!sound.isCompatibleWithBuffer(previous)) add(peaks, resampler.flush());
-        if (frame.empty()) break;
+        if (sound.empty()) break;
         add(peaks, resampler.resample(sound));
         previous = sound;
         if (progressIsDue()) show(progress, input, peaks.samples(), rate);

@@ -1,8 +1,11 @@
 #include "support/tool_fixture.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstdint>
 #include <filesystem>
+#include <stdexcept>
 
 #include "support/media.h"
 
@@ -21,6 +24,22 @@ std::string ToolFixture::makeSound(const std::string& name, const std::string& o
     const std::string path = file(name);
     runFFmpeg("-f lavfi -i sine=sample_rate=8000:duration=0.5 -bitexact -c:a pcm_s16le " + options + " " +
               path);
+    return path;
+}
+
+std::string ToolFixture::makeDamagedSound(const std::string& name) const {
+    const std::string path = file(name);
+    runFFmpeg("-f lavfi -i \"aevalsrc='0.5*sin(2*PI*440*t)':s=48000:d=1\" -c:a mp2 -b:a 128k " + path);
+    std::vector<std::uint8_t> bytes = readFile(path);
+    // Of MPEG-1 layer 2 with 128 kb/s and 48 kHz, but for the last byte, which tells channels.
+    const std::array<std::uint8_t, 3> header{0xff, 0xfd, 0x84};
+    auto packet = bytes.begin();
+    for (int i = 0; i < 10; ++i) {
+        packet = std::search(packet + 1, bytes.end(), header.begin(), header.end());
+        if (packet == bytes.end()) throw std::runtime_error("There are too few packets in " + path);
+    }
+    std::fill_n(packet, header.size(), std::uint8_t{0});
+    writeFile(path, bytes);
     return path;
 }
 

@@ -19,6 +19,8 @@ protected:
                          const std::string& options = "-c:v mpeg4 -q:v 2 -g 5") const;
     /// Half a second of PCM at 8 kHz.
     std::string makeSound(const std::string& name, const std::string& options = "") const;
+    /// A second of MPEG audio in Matroska, with a packet whose header is damaged.
+    std::string makeDamagedSound(const std::string& name) const;
     std::string makeFolder(const std::string& name) const;
     std::string file(const std::string& name) const { return folder_.file(name); }
 

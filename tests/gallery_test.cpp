@@ -1,0 +1,137 @@
+// The pictures that docs/gallery.md shows, beside those that its commands have just made.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "kvffmpeg/draw_utils.h"
+#include "kvffmpeg/freetype_rendering.h"
+#include "kvffmpeg/scaler.h"
+#include "kvffmpeg/utils.h"
+#include "support/fonts.h"
+
+namespace kvffmpeg {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Scaling, decoders of sound and FreeType differ in the last bits between releases and CPUs. A wrong letter
+/// gives about 30 dB.
+constexpr double alike = 40;
+
+/// The peak signal-to-noise ratio in decibels: infinite for equal pictures, 0 for different sizes.
+double peakSignalToNoise(const Picture& first, const Picture& second) {
+    if (first.size() != second.size() || first.empty() || second.empty()) return 0;
+    const Picture a = Scaler().convertToColorspace(first, AV_PIX_FMT_RGBA, AVCOL_RANGE_JPEG);
+    const Picture b = Scaler().convertToColorspace(second, AV_PIX_FMT_RGBA, AVCOL_RANGE_JPEG);
+    double sum = 0;
+    for (int y = 0; y < a.height(); ++y) {
+        const std::uint8_t* row = a.getPlanes()[0] + y * a.getLinesize()[0];
+        const std::uint8_t* other = b.getPlanes()[0] + y * b.getLinesize()[0];
+        for (int x = 0; x < 4 * a.width(); ++x) sum += std::pow(row[x] - other[x], 2);
+    }
+    const double mean = sum / (4.0 * a.width() * a.height());
+    return mean == 0 ? std::numeric_limits<double>::infinity() : 10 * std::log10(255 * 255 / mean);
+}
+
+std::set<std::string> namesIn(const fs::path& folder) {
+    std::set<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder)) names.insert(entry.path().filename().string());
+    return names;
+}
+
+std::set<std::string> keptNames() {
+    return namesIn(KVFFMPEG_KEPT_GALLERY);
+}
+
+std::set<std::string> madeNames() {
+    return namesIn(KVFFMPEG_MADE_GALLERY);
+}
+
+TEST(GalleryTest, PicturesOfThePageAreMadeAlike) {
+    for (const std::string& name : keptNames()) {
+        const fs::path made = fs::path(KVFFMPEG_MADE_GALLERY) / name;
+        if (name == "cjk.png" && !fs::exists(made)) continue;  // there is no font for it
+        SCOPED_TRACE(name);
+        ASSERT_TRUE(fs::exists(made));
+        const Picture now = loadPicture(made.string());
+        const Picture kept = loadPicture((fs::path(KVFFMPEG_KEPT_GALLERY) / name).string());
+        ASSERT_FALSE(kept.empty());
+        EXPECT_EQ(now.size(), kept.size());
+        EXPECT_GE(peakSignalToNoise(now, kept), alike)
+            << "If that is meant, build the target kvffmpeg_gallery, and look at what it made";
+    }
+}
+
+TEST(GalleryTest, PicturesThatAreMadeAreKept) {
+    EXPECT_GE(madeNames().size(), 20U);
+    for (const std::string& name : madeNames()) EXPECT_THAT(keptNames(), testing::Contains(name));
+}
+
+TEST(GalleryTest, KeptPicturesAreSmallPngFiles) {
+    std::uintmax_t total = 0;
+    for (const std::string& name : keptNames()) {
+        SCOPED_TRACE(name);
+        const fs::path path = fs::path(KVFFMPEG_KEPT_GALLERY) / name;
+        total += fs::file_size(path);
+        char signature[8] = {};
+        std::ifstream(path, std::ios::binary).read(signature, sizeof signature);
+        EXPECT_EQ(std::string(signature, sizeof signature), "\x89PNG\r\n\x1a\n");
+    }
+    EXPECT_GT(total, 0U);
+    EXPECT_LT(total, 1500000U);
+}
+
+class GalleryComparisonTest : public testing::Test {
+protected:
+    static Picture written(const std::string& text) {
+        Picture picture({320, 180}, AV_PIX_FMT_YUV420P);
+        DrawUtils::fillRectangle(picture, Color("gray"));
+        FreeTypeTextRenderer renderer(test::sansFont(), 20);
+        renderer.drawTo(picture, text, {12, 148});
+        return picture;
+    }
+};
+
+TEST_F(GalleryComparisonTest, FindsEqualPicturesAlike) {
+    KVFFMPEG_REQUIRE_FONTS();
+    EXPECT_GE(peakSignalToNoise(written("Take 3"), written("Take 3")), alike);
+}
+
+TEST_F(GalleryComparisonTest, OverlooksTheLastBit) {
+    Picture first({320, 180}, AV_PIX_FMT_RGBA);
+    Picture second({320, 180}, AV_PIX_FMT_RGBA);
+    first.fillWithRGB(100, 100, 100);
+    second.fillWithRGB(101, 99, 101);
+    EXPECT_GE(peakSignalToNoise(first, second), alike);
+    EXPECT_LT(peakSignalToNoise(first, second), 60);
+}
+
+TEST_F(GalleryComparisonTest, FindsAWrongLetter) {
+    KVFFMPEG_REQUIRE_FONTS();
+    EXPECT_LT(peakSignalToNoise(written("Take 3"), written("Take 4")), alike);
+}
+
+TEST_F(GalleryComparisonTest, FindsAMissingPicture) {
+    EXPECT_EQ(peakSignalToNoise(Picture(), Picture()), 0);
+}
+
+TEST_F(GalleryComparisonTest, FindsAnotherSize) {
+    Picture first({320, 180}, AV_PIX_FMT_RGBA);
+    Picture second({320, 178}, AV_PIX_FMT_RGBA);
+    first.fillWithRGB(1, 2, 3);
+    second.fillWithRGB(1, 2, 3);
+    EXPECT_EQ(peakSignalToNoise(first, second), 0);
+}
+
+}  // namespace
+}  // namespace kvffmpeg
