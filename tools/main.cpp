@@ -153,7 +153,8 @@ void addTextStyle(CLI::App& command, TextStyleOptions& style) {
                 style.given = "--font";
             },
             "Font file for texts; otherwise one is looked for in the folder fonts of\n"
-            "$XDG_DATA_HOME and $XDG_DATA_DIRS. What it lacks is drawn as a question mark")
+            "$XDG_DATA_HOME (~/.local/share) and $XDG_DATA_DIRS (/usr/share and the like).\n"
+            "What it lacks is drawn as a question mark")
         ->type_name("FILE");
     command
         .add_option_function<std::string>(
@@ -171,8 +172,8 @@ void addTextStyle(CLI::App& command, TextStyleOptions& style) {
                 style.color = text;
                 style.given = "--font-color";
             },
-            "Colour of texts; white otherwise. In frames, pictures that have alpha become\n"
-            "as transparent as it is")
+            "Colour of texts; white otherwise. In frames a half-transparent one makes\n"
+            "pictures that have alpha half-transparent there")
         ->type_name("COLOR");
     command
         .add_option_function<std::string>(
@@ -181,8 +182,8 @@ void addTextStyle(CLI::App& command, TextStyleOptions& style) {
                 style.background = text;
                 style.given = "--background-color";
             },
-            "Colour of a rectangle behind texts, in frames in place of what is there; there\n"
-            "is none otherwise, nor with an alpha of 0")
+            "Colour of a rectangle behind texts; there is none otherwise, nor with an alpha\n"
+            "of 0. In frames it replaces what is there instead of blending with it")
         ->type_name("COLOR");
     command
         .add_option_function<std::string>(
@@ -266,8 +267,8 @@ CLI::App* addFrames(CLI::App& app, Options& options) {
         "left out. The rate is the track's average, or 25 where it has none, whatever --filter does.\n"
         "\n"
         "Examples:\n"
-        "  kvffmpeg frames clip.mp4 -o pictures/%05d.png\n"
-        "  kvffmpeg frames clip.mp4 -o thumbnail%d.jpg --start 1:30 --count 1 --size 320x-1\n"
+        "  mkdir -p pictures && kvffmpeg frames clip.mp4 -o pictures/%05d.png\n"
+        "  kvffmpeg frames clip.mp4 -o thumbnail%d.jpg --start 1.5 --count 1 --size 320x-1\n"
         "  kvffmpeg frames clip.mp4 -o framed%d.png --filter \"crop=200:100,pad=220:120:10:10:white\"\n"
         "  kvffmpeg frames clip.mp4 -o titled%d.png --fill 0,140,320,40,navy --overlay logo.png@8,144\n"
         "  kvffmpeg frames studio.mp4 -o beach%d.jpg --key 0x00b140 --background beach.jpg\n"
@@ -308,8 +309,8 @@ CLI::App* addWaveform(CLI::App& app, Options& options) {
                 constexpr unsigned int most = 768000;
                 waveform.rate = parseNumber("--rate", text, least, most);
             },
-            "Draw samples of this rate, 100 to 768000; 8000 otherwise. What is above\n"
-            "half of it cannot be seen")
+            "Draw the sound resampled to this rate, 100 to 768000; 8000 otherwise. What\n"
+            "is above half of it cannot be seen")
         ->type_name("HZ");
     command
         ->add_option_function<std::string>(
@@ -318,9 +319,9 @@ CLI::App* addWaveform(CLI::App& app, Options& options) {
             "Index of the audio track; the first one otherwise")
         ->type_name("I");
     command->footer(
-        "The channels are mixed; of most compressed formats the first one alone is drawn. Every column\n"
-        "spans from the least to the greatest of its samples; the edges are full scale, and turn red\n"
-        "where samples are clipped; the faint lines are at half of that, 6 dB below.\n"
+        "The channels are mixed. Every column spans from the least to the greatest of its samples; the\n"
+        "edges are full scale, and turn red where samples are clipped; the faint lines are at half of\n"
+        "that, 6 dB below.\n"
         "\n"
         "Examples:\n"
         "  kvffmpeg waveform clip.mp4 -o wave.png\n"
@@ -350,7 +351,8 @@ CLI::App* addSheet(CLI::App& app, Options& options) {
     command
         ->add_option("--font", sheet.font,
                      "Font file for the times; otherwise one is looked for in the folder fonts\n"
-                     "of $XDG_DATA_HOME and $XDG_DATA_DIRS")
+                     "of $XDG_DATA_HOME (~/.local/share) and $XDG_DATA_DIRS (/usr/share and\n"
+                     "the like)")
         ->type_name("FILE");
     command
         ->add_option_function<std::string>(

@@ -108,8 +108,10 @@ public:
     AVCodecContext* getCodecContext(unsigned int streamIndex);
 
     /// Decodes a packet of this input into one frame at most (further pictures of the same packet are
-    /// dropped, further sounds come out with the next packets), stamped with the best-effort time in
-    /// microseconds (AV_NOPTS_VALUE when unknown, never nil). Pixels and samples are copied once. Full-range
+    /// dropped; further sounds come out one per call, with the next packets, and where packets keep holding
+    /// several, as those of ADPCM in WAV do, the decoder fills up and whole packets are dropped), stamped
+    /// with the best-effort time in microseconds (AV_NOPTS_VALUE when unknown, never nil). Pixels and samples
+    /// are copied once; of planar sound only the first channel, see `AudioBuffer::loadAVFrame`. Full-range
     /// "J" formats become the plain ones. Frames that a decoder still holds at the end of the input are not
     /// delivered.
     /// @returns an empty frame for null and when nothing came out: the decoder needs more packets, or the
