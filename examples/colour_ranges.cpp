@@ -30,8 +30,10 @@ int main(int count, char** arguments) try {
     if (picture.empty()) throw std::runtime_error("There is no picture in the file");
 
     kvffmpeg::Scaler scaler;
-    const Picture limited = scaler.convertToColorspace(picture, AV_PIX_FMT_YUV444P, AVCOL_RANGE_MPEG);
-    const Picture full = scaler.convertToColorspace(picture, AV_PIX_FMT_YUV444P, AVCOL_RANGE_JPEG);
+    // By way of RGB: from one range to another of the same format a scaler changes the label alone.
+    const Picture rgb = scaler.convertToColorspace(picture, AV_PIX_FMT_RGB24, AVCOL_RANGE_JPEG);
+    const Picture limited = scaler.convertToColorspace(rgb, AV_PIX_FMT_YUV444P, AVCOL_RANGE_MPEG);
+    const Picture full = scaler.convertToColorspace(rgb, AV_PIX_FMT_YUV444P, AVCOL_RANGE_JPEG);
     const Picture parts[] = {takenFor(AVCOL_RANGE_JPEG, limited), limited, takenFor(AVCOL_RANGE_MPEG, full)};
 
     Picture result(picture.size(), AV_PIX_FMT_RGB24, AVCOL_RANGE_JPEG);

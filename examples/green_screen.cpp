@@ -11,11 +11,14 @@ namespace {
 
 using kvffmpeg::Picture;
 
-/// The picture of the file; every picture in one format and range, so that all go together.
+/// The picture of the file; every picture in one format and range, so that all go together. By way of RGB,
+/// since from one range to another of the same format a scaler changes the label alone.
 Picture load(const char* path) {
     const Picture picture = kvffmpeg::loadPicture(path);
     if (picture.empty()) throw std::runtime_error(std::string("There is no picture in ") + path);
-    return kvffmpeg::Scaler().convertToColorspace(picture, AV_PIX_FMT_YUV420P, AVCOL_RANGE_MPEG);
+    kvffmpeg::Scaler scaler;
+    return scaler.convertToColorspace(scaler.convertToColorspace(picture, AV_PIX_FMT_RGB24, AVCOL_RANGE_JPEG),
+                                      AV_PIX_FMT_YUV420P, AVCOL_RANGE_MPEG);
 }
 
 }  // namespace

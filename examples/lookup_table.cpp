@@ -12,8 +12,11 @@ int main(int count, char** arguments) try {
         std::cerr << "usage: " << arguments[0] << " PICTURE\n";
         return 2;
     }
-    kvffmpeg::Picture picture = kvffmpeg::Scaler().convertToColorspace(kvffmpeg::loadPicture(arguments[1]),
-                                                                       AV_PIX_FMT_YUV420P, AVCOL_RANGE_JPEG);
+    // By way of RGB: from one range to another of the same format a scaler changes the label alone.
+    kvffmpeg::Scaler scaler;
+    const kvffmpeg::Picture rgb =
+        scaler.convertToColorspace(kvffmpeg::loadPicture(arguments[1]), AV_PIX_FMT_RGB24, AVCOL_RANGE_JPEG);
+    kvffmpeg::Picture picture = scaler.convertToColorspace(rgb, AV_PIX_FMT_YUV420P, AVCOL_RANGE_JPEG);
     if (picture.empty()) throw std::runtime_error("There is no picture in the file");
 
     std::vector<unsigned char> table(256);

@@ -5,6 +5,7 @@
 
 #include <kvffmpeg/kvffmpeg.h>
 
+#include <algorithm>
 #include <iostream>
 
 int main(int count, char** arguments) try {
@@ -39,7 +40,8 @@ int main(int count, char** arguments) try {
 
         // An overlay has the format of what it is drawn onto, with alpha: converted once, drawn many times.
         if (overlay.empty()) {
-            overlay = kvffmpeg::Scaler().scale(badge, {height - 4, height - 4}, AV_PIX_FMT_YUVA420P, range);
+            const int width = std::max(1, badge.width() * (height - 4) / badge.height());
+            overlay = kvffmpeg::Scaler().scale(badge, {width, height - 4}, AV_PIX_FMT_YUVA420P, range);
         }
 
         // The frame has the same pixels still: from here on the picture has its own.

@@ -57,12 +57,12 @@ int main() try {
 
     constexpr int side = 120;
     const std::vector<unsigned char> mask = softDisc(side);
-    constexpr int bytesPerPixel = 3;  // as the logarithm of how many bits there are
+    constexpr int log2BitsPerPixel = 3;
     int x = 30;
     for (const Color& light : {Color(255, 60, 40, 180), Color(60, 220, 60, 180), Color(60, 100, 255, 180)}) {
         const kvffmpeg::FFDrawColor color = initDrawColor(context, light);
         ff_blend_mask(&context, &color, frame->data, frame->linesize, frame->width, frame->height,
-                      mask.data(), side, side, side, bytesPerPixel, 0, x, 30);
+                      mask.data(), side, side, side, log2BitsPerPixel, 0, x, 30);
         x += 70;
     }
     const kvffmpeg::Picture picture(frame.get());

@@ -18,12 +18,16 @@ int main(int count, char** arguments) try {
     const Picture picture = kvffmpeg::loadPicture(arguments[1]);
     if (picture.empty()) throw std::runtime_error("There is no picture in the file");
 
+    constexpr int part = 40;
+    if (picture.width() < part || picture.height() < part)
+        throw std::runtime_error("The picture is too small");
+
     // A view of the picture's own pixels: cropping copies nothing.
     const kvffmpeg::rect_t detail =
-        kvffmpeg::center_rect_in_container({0, 0, 40, 40}, {0, 0, picture.width(), picture.height()});
+        kvffmpeg::center_rect_in_container({0, 0, part, part}, {0, 0, picture.width(), picture.height()});
     const Picture middle = picture.crop(detail);
 
-    constexpr int side = 160;
+    constexpr int side = 4 * part;
     constexpr int gap = 4;
     Picture result({4 * side + 3 * gap, side}, AV_PIX_FMT_RGB24, AVCOL_RANGE_JPEG);
     result.fillWithRGB(255, 255, 255);

@@ -34,24 +34,23 @@ int main(int count, char** arguments) try {
     constexpr rect_size_t frame{180, 320};
     const double across = static_cast<double>(frame.w) / picture.width();
     const double down = static_cast<double>(frame.h) / picture.height();
-
-    // As large as fits, and as large as it must be to leave nothing of the frame free.
+    // By way of RGB: from one range to another of the same format a scaler changes the label alone.
     kvffmpeg::Scaler scaler;
     scaler.setAlgorithm(kvffmpeg::Scaler::bicubic);
-    const Picture whole = scaler.scale(picture, times(picture.size(), std::min(across, down)),
-                                       AV_PIX_FMT_YUV420P, AVCOL_RANGE_MPEG);
-    const Picture covering = scaler.scale(picture, times(picture.size(), std::max(across, down) * 1.02),
-                                          AV_PIX_FMT_YUV420P, AVCOL_RANGE_MPEG);
+    const Picture rgb = scaler.convertToColorspace(picture, AV_PIX_FMT_RGB24, AVCOL_RANGE_JPEG);
 
-    const kvffmpeg::rect_t visible = kvffmpeg::get_image_visible_area(
-        kvffmpeg::center_rect_in_container({0, 0, covering.width(), covering.height()},
-                                           {0, 0, frame.w, frame.h}),
-        frame);
-    Picture background = covering.crop(visible);
+    // All of the picture, as large as fits.
+    const Picture whole =
+        scaler.scale(rgb, times(rgb.size(), std::min(across, down)), AV_PIX_FMT_YUV420P, AVCOL_RANGE_MPEG);
+
+    // Its middle in the frame's shape, which leaves nothing of the frame free.
+    const rect_size_t part = times(frame, 1 / std::max(across, down));
+    const kvffmpeg::rect_t middle =
+        kvffmpeg::center_rect_in_container({0, 0, part.w, part.h}, {0, 0, rgb.width(), rgb.height()});
+    Picture background = scaler.scale(rgb.crop(middle), frame, AV_PIX_FMT_YUV420P, AVCOL_RANGE_MPEG);
     kvffmpeg::FFmpegFilterWrapper blur;
     blur.setFilterSpec("gblur=sigma=6");
-    Picture result =
-        blur.processPicture(background);  // makes its argument editable, that is a copy of the crop
+    Picture result = blur.processPicture(background);
 
     const kvffmpeg::rect_t place = kvffmpeg::center_rect_in_container(
         {0, 0, whole.width(), whole.height()}, {0, 0, result.width(), result.height()});

@@ -235,8 +235,8 @@ void addDrawingOptions(CLI::App& command, DrawingOptions& drawing) {
                     "of the others, or a colour. A file of that name comes before a colour")
         ->type_name("FILE|COLOR");
     addDrawnOptions(command, drawing,
-                    ". In 4:2:0, as most video is, its edges are\n"
-                    "rounded down to even numbers",
+                    ". In 4:2:0, as most video is, and with --key\n"
+                    "its edges are rounded down to even numbers",
                     "{pts} in the text is the picture's time from the\n"
                     "start of the input on, as HH:MM:SS.mmm. ");
 }
@@ -321,7 +321,7 @@ CLI::App* addWaveform(CLI::App& app, Options& options) {
     command->footer(
         "The channels are mixed. Every column spans from the least to the greatest of its samples; the\n"
         "edges are full scale, and turn red where samples are clipped; the faint lines are at half of\n"
-        "that, 6 dB below.\n"
+        "that, 6 dB below. Sound whose channels have no places (left, right, ...) is not drawn.\n"
         "\n"
         "Examples:\n"
         "  kvffmpeg waveform clip.mp4 -o wave.png\n"

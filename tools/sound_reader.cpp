@@ -23,6 +23,7 @@ SoundReader::SoundReader(Input& input, unsigned int track)
 
 AudioBuffer SoundReader::next() {
     while (decoder_) {
+        throwIfInterrupted();  // one packet may hold any number of buffers
         const int received = avcodec_receive_frame(decoder_, frame_.get());
         if (received >= 0) {
             AudioBuffer sound;

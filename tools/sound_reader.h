@@ -11,9 +11,9 @@ extern "C" {
 
 namespace kvffmpeg::tool {
 
-/// All of the sound of a track, every channel of it. (`FormatContext::decodePacket` gives one buffer per
-/// packet, in planar formats the first channel in all planes, and nothing of what the decoder holds at the
-/// end.)
+/// All of the sound of a track, every channel of it; where channels have no places, there is no buffer for
+/// them. (`FormatContext::decodePacket` gives one buffer per packet, in planar formats the first channel in
+/// all planes, and nothing of what the decoder holds at the end.)
 class SoundReader {
 public:
     /// `input` has to outlive it. @throws std::bad_alloc.

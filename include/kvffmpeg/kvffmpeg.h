@@ -7,8 +7,9 @@
 /// All that the library offers, but for the log bridge of logging.h and FFmpeg's callback `interrupt_cb`.
 ///
 /// Failures that a caller must handle are std::runtime_error with a short text, thrown before anything has
-/// changed where nothing else is said; want of memory is std::bad_alloc. One thread at a time may use an object, where nothing else is
-/// said. Positions and sizes are in pixels, times in ticks of their `Timebase`, mostly microseconds.
+/// changed unless said otherwise; want of memory is std::bad_alloc. One thread at a time may use an object,
+/// where nothing else is said. Positions and sizes are in pixels, times in ticks of their `Timebase`, mostly
+/// microseconds.
 
 #include "kvffmpeg/audio_resampler.h"
 #include "kvffmpeg/audiobuffer.h"
